@@ -1,0 +1,1 @@
+#include "klnmain.h"

@@ -1,0 +1,14 @@
+// The filter's only input and output paths.
+#pragma once
+
+#include "klnmain.h"
+
+// VTQ_FileRead unchanged: the number of elements read, below 1 on failure.
+size_t comm_read(void *buf, size_t size, size_t count, VTQ_FILE *f);
+
+// Converts size * count bytes of document text to the output character set
+// and writes them to f (file mode) or the stream. Answers the bytes
+// written (1 when the conversion yielded nothing), 0 or less on failure,
+// -1 once the output-size limit has been passed, 3000 when the conversion
+// failed.
+int comm_write(const void *text, size_t size, size_t count, VTQ_FILE *f, ConvContext *ctx);

@@ -1,0 +1,97 @@
+#include "test_support.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+
+namespace kln {
+
+FilterOptions Options(const std::string &outCharset, uint32_t flags) {
+  FilterOptions o;
+  std::memset(&o, 0, sizeof o);
+  std::snprintf(o.outCharset, sizeof o.outCharset, "%s", outCharset.c_str());
+  o.flags = flags;
+  return o;
+}
+
+KlnCharsetInfo Charset(uint16_t code) {
+  KlnCharsetInfo c;
+  std::memset(&c, 0, sizeof c);
+  c.charsetCode = code;
+  return c;
+}
+
+TempDir::TempDir() {
+  const char *base = std::getenv("TMPDIR");
+  std::string tmpl = std::string(base && *base ? base : "/tmp") + "/kln_test_XXXXXX";
+  std::vector<char> buf(tmpl.begin(), tmpl.end());
+  buf.push_back('\0');
+  if (!mkdtemp(buf.data())) throw std::runtime_error("mkdtemp failed");
+  path_ = buf.data();
+}
+
+TempDir::~TempDir() {
+  for (const std::string &name : list()) std::remove(file(name).c_str());
+  rmdir(path_.c_str());
+}
+
+std::vector<std::string> TempDir::list() const {
+  std::vector<std::string> names;
+  if (DIR *d = opendir(path_.c_str())) {
+    while (dirent *e = readdir(d)) {
+      if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0) names.push_back(e->d_name);
+    }
+    closedir(d);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+std::string ReadAll(const std::string &path) {
+  std::string s;
+  if (FILE *f = std::fopen(path.c_str(), "rb")) {
+    char buf[65536];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) s.append(buf, n);
+    std::fclose(f);
+  }
+  return s;
+}
+
+namespace {
+long Collect(void *user, const void *data, long len) {
+  static_cast<std::string *>(user)->append(static_cast<const char *>(data), static_cast<size_t>(len));
+  return len;
+}
+}  // namespace
+
+Result RunStream(const Bytes &doc, const FilterOptions &opt, const KlnCharsetInfo &cs) {
+  TempDir dir;
+  std::string in = dir.file("in.kln");
+  WriteFile(in, doc);
+  Result r;
+  VTQ_STREAM *s = VTQ_StreamCreate(Collect, &r.text);
+  r.code = GetTextStreamWithErrCallback(in.c_str(), s, &opt, &cs, nullptr);
+  VTQ_StreamDestroy(s);
+  return r;
+}
+
+Result RunFile(const Bytes &doc, const FilterOptions &opt, const KlnCharsetInfo &cs) {
+  TempDir dir;
+  std::string in = dir.file("in.kln"), out = dir.file("out.txt");
+  WriteFile(in, doc);
+  Result r;
+  r.code = GetTextWithErrCallback(in.c_str(), out.c_str(), &opt, &cs, nullptr);
+  struct stat st;
+  r.outputExists = stat(out.c_str(), &st) == 0;
+  r.text = ReadAll(out);
+  return r;
+}
+
+}  // namespace kln

@@ -1,0 +1,44 @@
+// Running the filter from tests: documents go to a private temporary
+// folder, the text comes back as bytes.
+#pragma once
+
+#include <string>
+
+#include "kln_builder.h"
+#include "vtq_txkln.h"
+
+namespace kln {
+
+// Options with the output set and flag bits named; everything else zero.
+FilterOptions Options(const std::string &outCharset = "UTF-8", uint32_t flags = 0);
+KlnCharsetInfo Charset(uint16_t code = KLN_CHARSET_WINDOWS31J);
+
+struct Result {
+  int code = -1;
+  std::string text;         // what reached the stream / the output file
+  bool outputExists = false;  // file mode: the output file is still there
+};
+
+// A folder of its own, removed with everything in it at destruction.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir &) = delete;
+  TempDir &operator=(const TempDir &) = delete;
+  const std::string &path() const { return path_; }
+  std::string file(const std::string &name) const { return path_ + "/" + name; }
+  // Names of the entries in the folder, sorted.
+  std::vector<std::string> list() const;
+
+ private:
+  std::string path_;
+};
+
+// Converts doc in stream mode / file mode.
+Result RunStream(const Bytes &doc, const FilterOptions &opt = Options(), const KlnCharsetInfo &cs = Charset());
+Result RunFile(const Bytes &doc, const FilterOptions &opt = Options(), const KlnCharsetInfo &cs = Charset());
+
+std::string ReadAll(const std::string &path);
+
+}  // namespace kln
