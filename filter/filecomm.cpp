@@ -1,1 +1,55 @@
-#include "klnmain.h"
+// The filter's single reading and writing paths.
+#include "filecomm.h"
+
+size_t comm_read(void *buf, size_t size, size_t count, VTQ_FILE *f) { return VTQ_FileRead(buf, size, count, f); }
+
+namespace {
+// Writes n bytes of outBuf to the file or the stream; answers the bytes
+// written (0 on failure).
+size_t WriteOut(ConvContext *ctx, VTQ_FILE *f, uint32_t n) {
+  if (ctx->streamMode != 1) return VTQ_FileWrite(ctx->outBuf, 1, n, f);
+  return VTQ_WriteStream(ctx->outStream, static_cast<long>(n), ctx->outBuf) == -1 ? 0 : n;
+}
+}  // namespace
+
+// A text is converted piece by piece when its converted form exceeds
+// outBuf; the pieces count as one write for the size limit and totalOut.
+// A failed conversion answers 0, so that every caller ends with 3000.
+int comm_write(const void *text, size_t size, size_t count, VTQ_FILE *f, ConvContext *ctx) {
+  if (ctx->writeState == kWriteStopped) return -1;
+  ConvRun run;
+  if (CodeConvStart(ctx, run, static_cast<const uint8_t *>(text), static_cast<uint32_t>(size * count), 3) != kOk)
+    return 0;
+  const FilterOptions *opt = ctx->options;
+  const bool limitOn = (opt->flags & KLN_FLAG_SIZE_LIMIT) != 0;
+  uint64_t produced = 0, written = 0;
+  bool stopped = false;  // cut at the limit, or the output failed
+  do {
+    if (CodeConvPiece(ctx, run) != kOk) {
+      CodeConvEnd(ctx, run, static_cast<uint32_t>(produced));
+      return 0;
+    }
+    uint32_t n = ctx->outLen;
+    if (!stopped && limitOn && ctx->totalOut + produced + n > opt->sizeLimit) {
+      const uint64_t used = ctx->totalOut + produced;
+      const uint32_t allowance = used >= opt->sizeLimit ? 0 : static_cast<uint32_t>(opt->sizeLimit - used);
+      n = CutStr(ctx->outBuf, n, allowance, opt);
+      stopped = true;
+      if (n > 0) written += WriteOut(ctx, f, n);
+    } else if (!stopped && n > 0) {
+      const size_t w = WriteOut(ctx, f, n);
+      written += w;
+      if (w < n) stopped = true;
+    }
+    produced += ctx->outLen;
+  } while (CodeConvMore(run));
+  CodeConvEnd(ctx, run, static_cast<uint32_t>(produced));
+
+  ctx->totalOut += static_cast<uint32_t>(produced);
+  if (limitOn && ctx->totalOut > opt->sizeLimit) {
+    ctx->writeState = kWriteStopped;
+    return -1;
+  }
+  if (produced == 0) return 1;
+  return static_cast<int>(written > 0x7FFFFFFF ? 0x7FFFFFFF : written);
+}

@@ -6,9 +6,24 @@
 
 // ==== File entry point ====
 
-extern "C" int GetTextWithErrCallback(const char *, const char *, const FilterOptions *, const KlnCharsetInfo *,
-                                      void *) {
-  return kFormatError;
+extern "C" int GetTextWithErrCallback(const char *inPath, const char *outPath, const FilterOptions *options,
+                                      const KlnCharsetInfo *charset, void *errCallback) {
+  if (PathTooLong(inPath) || PathTooLong(outPath)) return kOpenFailed;
+  if (!options || !charset) return kFormatError;
+  ConvContext *ctx;
+  const int r = OpenTextContext(&ctx, inPath, options, charset, errCallback);
+  if (r != kOk) return r;
+  std::memcpy(ctx->outPath, outPath, std::strlen(outPath) + 1);
+  ctx->fileMode = 1;
+  ctx->outFile = VTQ_FileOpen(ctx->outPath, "wb");
+  if (!ctx->outFile) {
+    VTQ_FileClose(ctx->inFile);
+    closeall(ctx);
+    return kOpenFailed;
+  }
+  const int result = RunTextConversion(ctx, ctx->outPath);
+  closeall(ctx);
+  return result;
 }
 
 // ==== Style table ====

@@ -1,1 +1,582 @@
+// The conversion context, the driver, the byte readers, the global header,
+// the data-set walk and the character conversion.
 #include "klnmain.h"
+
+#include <cmath>
+#include <initializer_list>
+
+#include "dbchange.h"
+#include "filecomm.h"
+#include "sschange.h"
+#include "wpchange.h"
+
+// ==== Context ====
+
+int initial(ConvContext **out) {
+  *out = static_cast<ConvContext *>(VTQ_calloc(1, sizeof(ConvContext)));
+  ConvContext *ctx = *out;
+  if (!ctx) return kNoMemory;
+  ctx->cells = static_cast<CellNode *>(VTQ_calloc(1, sizeof(CellNode)));
+  if (!ctx->cells) return kNoMemory;
+  ctx->outBuf = static_cast<uint8_t *>(VTQ_calloc(kOutBufSize, 1));
+  if (!ctx->outBuf) return kNoMemory;
+  ctx->oleState = static_cast<uint8_t *>(VTQ_calloc(VTQ_OLE_STATE_SIZE, 1));
+  if (!ctx->oleState) return kNoMemory;
+  return kOk;
+}
+
+namespace {
+void FreeDbFields(ConvContext *ctx) {
+  for (int i = 0; i < ctx->dbFieldCount; ++i) {
+    DbField &f = ctx->dbFields[i];
+    if (!f.name) break;  // the table was filled only this far
+    VTQ_free(f.name);
+    f.name = nullptr;
+    if (f.extraLen != 0 && f.extra) {
+      VTQ_free(f.extra);
+      f.extra = nullptr;
+    }
+  }
+  VTQ_free(ctx->dbFields);
+  ctx->dbFields = nullptr;
+}
+
+void FreeCellTable(ConvContext *ctx) {
+  CellNode *column = ctx->cells;
+  while (column) {
+    CellNode *nextColumn = column->nextColumn;
+    for (CellNode *node = column; node;) {
+      CellNode *next = node->nextInColumn;
+      VTQ_free(node->text);
+      VTQ_free(node);
+      node = next;
+    }
+    column = nextColumn;
+  }
+  ctx->cells = nullptr;
+}
+}  // namespace
+
+int closeall(ConvContext *ctx) {
+  if (!ctx) return kOk;
+  if (ctx->dbFields) FreeDbFields(ctx);
+  VTQ_free(ctx->styleMap);
+  ctx->styleMap = nullptr;
+  VTQ_free(ctx->cellStyles);
+  ctx->cellStyles = nullptr;
+  FreeCellTable(ctx);
+  VTQ_free(ctx->outBuf);
+  ctx->outBuf = nullptr;
+  VTQ_free(ctx->oleState);
+  ctx->oleState = nullptr;
+  VTQ_free(ctx);
+  return kOk;
+}
+
+void GetEndian(ConvContext *ctx) {
+  const uint16_t probe = 0x1234;
+  uint8_t first;
+  std::memcpy(&first, &probe, 1);
+  if (first == 0x12) ctx->flags |= kCtxBigEndianHost;
+}
+
+// ==== Byte readers ====
+
+uint32_t Get2wc(const uint8_t *p, const ConvContext *) { return (uint32_t(p[0]) << 8) | p[1]; }
+
+uint32_t Get4wc(const uint8_t *p, const ConvContext *) {
+  return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
+}
+
+uint16_t Get2BigEndianNum(const uint8_t *p) {
+  uint16_t v;
+  const uint8_t swapped[2] = {p[1], p[0]};
+  std::memcpy(&v, swapped, 2);
+  return v;
+}
+
+uint32_t Get4BigEndianNum(uint32_t word) { return __builtin_bswap32(word); }
+
+double GetBigEndianFloat(const uint8_t *p) {
+  uint8_t swapped[8];
+  for (int i = 0; i < 8; ++i) swapped[i] = p[7 - i];
+  double d;
+  std::memcpy(&d, swapped, 8);
+  return d;
+}
+
+// The significand is summed bit by bit, the leading (explicit) bit weighing
+// 1.0, and then scaled by the power of two of the exponent.
+double getfloat(const uint8_t *p, const ConvContext *ctx) {
+  VtqPtr<uint8_t> copy;
+  if (!copy.alloc(10)) return 12.0;
+  std::memcpy(copy.get(), p, 10);
+  const uint32_t w = Get2wc(copy.get(), ctx);
+  const int e = static_cast<int>(w & 0x7FFF) - 16383;
+  if (e < -65) return 0.0;
+  const double scale = std::pow(2.0, e);
+  double sum = 0.0, weight = 1.0;
+  for (int i = 2; i < 10; ++i) {
+    for (int bit = 0x80; bit != 0; bit >>= 1) {
+      if (copy[i] & bit) sum = sum + weight;
+      weight = weight * 0.5;
+    }
+  }
+  double result = sum * scale;
+  if (w & 0x8000) result = -result;
+  return result;
+}
+
+// ==== Driver ====
+
+namespace {
+void Log(const ConvContext *ctx, const char *text) {
+  const uint32_t flags = ctx->options->flags;
+  if ((flags & KLN_FLAG_LOG) && ctx->logFile) vtq_logfprintf(flags, ctx->logFile, text, 0);
+}
+}  // namespace
+
+int convertFile(ConvContext *ctx) {
+  Log(ctx, "\nNow Get Global Information.");
+  int r = GetGlobalInfo(ctx);
+  if (r != kOk) return r;
+  Log(ctx, "\nNow Get DSET Information.");
+  r = GetDSetInfo(ctx);
+  if (r != kOk) return r;
+  if (ctx->docKind == 1) return kOk;  // word-processing text is written as it is read
+  Log(ctx, "\nNow Get STYLE Information.");
+  r = GetStyleInfo(ctx);
+  if (r != kOk) return r;
+  Log(ctx, "\nNow Wrtie File begin.");
+  r = GetVtqTxt(ctx);
+  if (r != kOk) return r;
+  Log(ctx, "\nNow Wrtie File End.");
+  return kOk;
+}
+
+int RunTextConversion(ConvContext *ctx, const char *logBase) {
+  const uint32_t flags = ctx->options->flags;
+  int result;
+  if (flags & KLN_FLAG_LOG) {
+    GetLogFileName(logBase, "KLN", ctx->logName);
+    ctx->logFile = vtq_logfopen(flags, ctx->logName);
+    if (!ctx->logFile) {
+      result = kOpenFailed;
+    } else {
+      Log(ctx, "\nVTQ_KLN FILE BEGIN:\n\nThe File Name is:\n");
+      vtq_logfprint_path(flags, ctx->logFile, ctx->inPath);
+      result = convertFile(ctx);
+    }
+  } else {
+    result = convertFile(ctx);
+  }
+
+  VTQ_FileClose(ctx->inFile);
+  ctx->inFile = nullptr;
+  if (ctx->fileMode == 1) {
+    VTQ_FileClose(ctx->outFile);
+    ctx->outFile = nullptr;
+  }
+  if ((flags & KLN_FLAG_LOG) && ctx->logFile) {
+    Log(ctx, "\n\nVTQ_KLN FILE CLOSED.");
+    vtq_logfclose(flags, ctx->logFile);
+    ctx->logFile = nullptr;
+  }
+
+  const bool nothingProduced = ctx->totalOut == 0 && OleStateTotal(ctx) == 0;
+  if (ctx->fileMode == 1) {
+    if (result == kOleRefused || result == kOleFailed) {
+      VTQ_ASC_remove(ctx->outPath);
+    } else if (nothingProduced) {
+      VTQ_ASC_remove(ctx->outPath);
+      if (result == kOk) result = kNoText;
+    }
+  } else if (nothingProduced && result == kOk) {
+    result = kNoText;
+  }
+  if (ctx->writeState == kWriteStopped) result = ctx->options->sizeLimit < ctx->totalOut ? kSizeLimit : kOk;
+  return result;
+}
+
+// ==== Global header ====
+
+namespace {
+constexpr uint32_t kMaxHeaderTable = 8192;
+
+// Reads the header field by field. Each read must deliver at least one
+// byte; a short read is accepted (the next read then meets the end).
+class HeaderWalk {
+ public:
+  HeaderWalk(ConvContext *ctx, uint8_t *buf) : ctx_(ctx), buf_(buf) {}
+
+  // Reads n (at most kMaxHeaderTable) bytes into the buffer; false on failure.
+  bool read(uint32_t n) {
+    if (n == 0) return true;
+    return comm_read(buf_, 1, n, ctx_->inFile) >= 1;
+  }
+  // Skips n bytes of any size as one read: fails only when nothing came.
+  bool skip(uint32_t n) {
+    bool first = true;
+    while (n > 0) {
+      const uint32_t part = n < kMaxHeaderTable ? n : kMaxHeaderTable;
+      const size_t got = comm_read(buf_, 1, part, ctx_->inFile);
+      if (got < 1) return !first;
+      first = false;
+      if (got < part) return true;
+      n -= part;
+    }
+    return true;
+  }
+  bool word(uint32_t *v) {
+    buf_[0] = buf_[1] = buf_[2] = buf_[3] = 0;
+    if (!read(4)) return false;
+    *v = Get4wc(buf_, ctx_);
+    return true;
+  }
+  // TitleRec and its kin: u32 P; when P != 0 a length byte and the text.
+  bool textRecord() {
+    uint32_t p;
+    if (!word(&p)) return false;
+    if (p == 0) return true;
+    if (!read(1)) return false;
+    return read(buf_[0]);
+  }
+  // A u32 length N (at most 8192) and N bytes.
+  bool sizedTable(uint32_t *n) {
+    if (!word(n) || *n > kMaxHeaderTable) return false;
+    return read(*n);
+  }
+  // Table6&Table7&macro: N bytes, a word M with M bytes when 1..8191, and
+  // (N - 16) / 4 pairs of sized pieces. A failed piece is noted and the
+  // remaining entries are still attempted.
+  bool macroTable() {
+    uint32_t n;
+    if (!sizedTable(&n)) return false;
+    if (n == 0) return true;
+    uint32_t m;
+    if (!word(&m)) return false;
+    if (m >= 1 && m <= kMaxHeaderTable - 1 && !read(m)) return false;
+    bool ok = true;
+    const uint32_t entries = n >= 16 ? (n - 16) / 4 : 0;
+    for (uint32_t k = 0; k < entries; ++k) {
+      for (int piece = 0; piece < 2; ++piece) {
+        uint32_t len;
+        if (!word(&len)) {
+          ok = false;
+          continue;
+        }
+        if (!skip(len)) ok = false;
+      }
+    }
+    return ok;
+  }
+  uint8_t *buf() const { return buf_; }
+
+ private:
+  ConvContext *ctx_;
+  uint8_t *buf_;
+};
+
+// The fixed part: field sizes from offset 0 to 344.
+constexpr uint16_t kFixedFields[] = {4, 4, 10, 20, 37, 1, 8, 2, 3, 7, 36, 94, 21, 1,
+                                     15, 1, 26, 3, 7, 2, 2, 3, 21, 5, 9, 1, 1};
+constexpr int kSignatureField = 1;
+constexpr int kDocKindField = 14;  // its last byte, file offset 262
+
+void SetHeaderVariant(ConvContext *ctx, const uint8_t *mark) {
+  if (Get2wc(mark, ctx) == 0x0402)
+    ctx->headerVariant = 0;
+  else if (mark[0] == 0x04)
+    ctx->headerVariant = 1;
+}
+
+// Walks the header; true when it ended normally (also early at the Print
+// Table), false at the first error.
+bool WalkHeader(ConvContext *ctx, HeaderWalk &w) {
+  uint8_t *buf = w.buf();
+  for (int i = 0; i < int(sizeof kFixedFields / sizeof kFixedFields[0]); ++i) {
+    std::memset(buf, 0, kFixedFields[i]);
+    if (!w.read(kFixedFields[i])) return false;
+    if (i == 0) SetHeaderVariant(ctx, buf);
+    if (i == kSignatureField && !IsTag(buf, "RVZT")) return false;
+    if (i == kDocKindField) {
+      ctx->docKind = buf[14];
+      if (ctx->docKind > 3) return false;
+    }
+  }
+  for (int i = 0; i < 6; ++i) {
+    if (!w.textRecord()) return false;
+  }
+  uint32_t n;
+  if (!w.sizedTable(&n)) return false;  // LenDbPath
+  std::memset(buf, 0, 4);
+  if (!w.read(124)) return false;  // Print Table
+  if (static_cast<int32_t>(Get4wc(buf, ctx)) > 120) return true;
+  if (!w.sizedTable(&n) || !w.sizedTable(&n)) return false;  // Table3, Palette
+  if (!w.read(32)) return false;                              // table5
+  if (!w.macroTable()) return false;
+  for (uint32_t size : {26u, 2u, 20u, 324u}) {
+    if (!w.read(size)) return false;
+  }
+  return true;
+}
+}  // namespace
+
+int GetGlobalInfo(ConvContext *ctx) {
+  VtqPtr<uint8_t> buf;
+  if (!buf.alloc(kMaxHeaderTable)) return kNoMemory;
+  HeaderWalk walk(ctx, buf.get());
+  if (WalkHeader(ctx, walk)) return kOk;
+  // A header whose mark names the second variant is not checked: the
+  // data-set walk finds the data sets by their tag instead.
+  return ctx->headerVariant == 1 ? kOk : kFormatError;
+}
+
+// ==== Data-set walk and navigation ====
+
+long ReadGrowing(ConvContext *ctx, VtqBuffer &buf, size_t at, uint32_t len) {
+  constexpr uint32_t kPiece = 1u << 16;
+  size_t got = 0;
+  while (got < len) {
+    const uint32_t part = static_cast<uint32_t>(len - got < kPiece ? len - got : kPiece);
+    const size_t need = at + got + part + 1;  // one spare byte for a terminator
+    if (need > buf.size() && !buf.grow(need > 2 * buf.size() ? need : 2 * buf.size())) return -1;
+    const size_t n = comm_read(buf.data() + at + got, 1, part, ctx->inFile);
+    got += n;
+    if (n < part) break;
+  }
+  return static_cast<long>(got);
+}
+
+namespace {
+constexpr size_t kRecordBufferSize = 8192;
+constexpr size_t kRecordKind = 16, kRecordVariant = 14, kRecordSeq = 18;
+
+// Reads 4 bytes (zero-filled first); false when nothing came.
+bool ReadTag(ConvContext *ctx, uint8_t *b) {
+  std::memset(b, 0, 4);
+  return comm_read(b, 1, 4, ctx->inFile) >= 1;
+}
+
+bool WpReadInDatabase(uint8_t variant) { return variant == 0x20 || variant == 0x40 || variant == 0x60; }
+
+// Hands the data set whose header record is `rec` to the reader of its
+// kind. Answers the reader's result, or 0 when no reader takes it.
+int DispatchDataSet(ConvContext *ctx, const ByteView &rec) {
+  switch (static_cast<int8_t>(rec.u8(kRecordKind))) {
+    case 0:
+      return GetWpGrphDSET(ctx, rec.data(), rec.size());
+    case 1:
+      if (ctx->docKind == 3 && !WpReadInDatabase(rec.u8(kRecordVariant))) return kOk;
+      return GetWpRtfDSET(ctx);
+    case 2: {
+      const int r = GetSsDSET(ctx);
+      if (ctx->hasSheet == 0) ctx->hasSheet = 1;
+      return r;
+    }
+    case 3:
+      return GetDbDSET(ctx);
+    default:
+      return kOk;
+  }
+}
+
+// The loop over the data sets once the first "DSET" has been passed.
+int WalkDataSets(ConvContext *ctx, VtqBuffer &rec) {
+  for (int32_t handled = 0; handled < ctx->dsetCount;) {
+    uint8_t len[4];
+    if (!ReadTag(ctx, len)) return kFormatError;
+    const int32_t l = static_cast<int32_t>(Get4wc(len, ctx));
+    if (l <= 15) return kFormatError;
+    std::memcpy(rec.data(), len, 4);
+    const long got = ReadGrowing(ctx, rec, 4, static_cast<uint32_t>(l));
+    if (got < 0) return kNoMemory;
+    if (got == 0) return kFormatError;
+    const ByteView view(rec.data(), 4 + static_cast<size_t>(got));
+    if (static_cast<int32_t>(view.u16(kRecordSeq)) > ctx->dsetCount) return kFormatError;
+
+    int r = DispatchDataSet(ctx, view);
+    if (r == kOk) r = SkipCurDSET(ctx);
+    if (r == kFntmRead) return kOk;
+    if (r != kNextDset) return r;
+    ++handled;
+  }
+  return kOk;
+}
+}  // namespace
+
+int GetDSetInfo(ConvContext *ctx) {
+  VtqBuffer rec;
+  if (!rec.alloc(kRecordBufferSize)) return kNoMemory;
+  uint8_t b[4] = {0, 0, 0, 0};
+  int status = comm_read(b, 1, 2, ctx->inFile) < 1 ? kFormatError : kOk;
+  ctx->dsetCount = static_cast<int32_t>(Get2wc(b, ctx));
+  if (!ReadTag(ctx, b))
+    status = kFormatError;
+  else if (!IsTag(b, "DSET"))
+    status = FindDSET(ctx);
+  ctx->dsetSeen += 1;
+  if (ctx->dsetCount <= 0 || status != kOk) return status;
+  return WalkDataSets(ctx, rec);
+}
+
+int FindDSET(ConvContext *ctx) {
+  uint8_t b[4];
+  for (;;) {
+    do {
+      if (comm_read(b, 1, 1, ctx->inFile) < 1) return kFormatError;
+    } while (b[0] != 'D');
+    // The three bytes after a 'D' are compared and not examined again.
+    if (comm_read(b + 1, 1, 3, ctx->inFile) < 1) return kFormatError;
+    if (IsTag(b, "DSET")) break;
+  }
+  if (VTQ_FileSeek(ctx->inFile, -6, 1) != 0) return kFormatError;
+  b[0] = b[1] = 0;
+  if (comm_read(b, 1, 2, ctx->inFile) < 1) return kFormatError;
+  ctx->dsetCount = static_cast<int32_t>(Get2wc(b, ctx));
+  if (VTQ_FileSeek(ctx->inFile, 4, 1) != 0) return kFormatError;
+  return kOk;
+}
+
+int SkipCurDSET(ConvContext *ctx) {
+  uint8_t b[4];
+  for (;;) {
+    if (!ReadTag(ctx, b)) return kFormatError;
+    if (IsTag(b, "DSET")) {
+      ctx->dsetSeen += 1;
+      return kNextDset;
+    }
+    if (IsTag(b, "FNTM")) return kFntmRead;
+    const int32_t n = static_cast<int32_t>(Get4wc(b, ctx));
+    if (n <= 0) continue;  // an empty or negative length is passed over
+    const int r = ReadFilePass(n, ctx);
+    if (r != kOk) return r;
+  }
+}
+
+int SkipCurBuff(ConvContext *ctx) {
+  uint8_t b[4];
+  if (!ReadTag(ctx, b) || IsTag(b, "DSET")) return kFormatError;
+  const int32_t n = static_cast<int32_t>(Get4wc(b, ctx));
+  if (n == 0) return kOk;
+  return ReadFilePass(n, ctx) != kOk ? kFormatError : kOk;
+}
+
+int ReadFilePass(int32_t n, ConvContext *ctx) {
+  uint8_t b;
+  for (int32_t i = 0; i < n; ++i) {
+    if (comm_read(&b, 1, 1, ctx->inFile) < 1) return kFormatError;
+  }
+  return kOk;
+}
+
+// ==== Character conversion ====
+
+int GetSeparator(uint32_t flags) {
+  static constexpr uint32_t kBits[] = {KLN_FLAG_LINE_KEEP, KLN_FLAG_LINE_LF, KLN_FLAG_LINE_CRLF, KLN_FLAG_LINE_CR,
+                                       KLN_FLAG_LINE_SPACE};
+  for (int i = 0; i < 5; ++i) {
+    if (flags & kBits[i]) return i + 1;
+  }
+  return 1;
+}
+
+int GetString_kln(char *name33, uint32_t *flag, uint32_t code) {
+  *flag = 0;
+  if (code == KLN_CHARSET_WINDOWS31J) {
+    std::memcpy(name33, "WINDOWS31J", 11);
+    *flag = 1;
+  } else {
+    std::memcpy(name33, "ISO-8859-1", 11);
+  }
+  return kOk;
+}
+
+int CodeConvStart(ConvContext *ctx, ConvRun &run, const uint8_t *text, uint32_t len, int mode) {
+  CconvCharsetRecord record{0, 0, 1};
+  run.options = CconvOptions{};
+  run.options.convOption = ctx->options->convOption;
+  run.firstOutput = false;
+  if (!(ctx->flags & kCtxOutputMade)) {
+    run.firstOutput = !(ctx->flags & kCtxPropertyMode);
+    ctx->flags |= kCtxOutputMade;
+  }
+  run.options.firstOutput = run.firstOutput ? 1 : 0;
+  run.options.word8 = 1;
+  run.options.word4112 = 1;
+  run.options.separatorCode = static_cast<uint32_t>(GetSeparator(ctx->options->flags));
+
+  char docName[33];
+  if (mode == 3)
+    GetString_kln(docName, &record.dbcs, ctx->charsetInfo->charsetCode);
+  else
+    VTQ_GetResouceString(mode, docName, 33);
+  char outName[33];
+  std::memcpy(outName, ctx->options->outCharset, 32);
+  outName[32] = '\0';
+  if (std::strcmp(outName, "ISO-8859-1") == 0) run.options.subst = run.options.subst2 = '?';
+
+  if (cconvInitConvert(&run.state, &run.options, outName) != 0) return kFormatError;
+  run.active = true;
+  if (cconvChgCharset(&run.state, &record, docName) != 0) return kFormatError;
+  // outBuf is not cleared: only the bytes the converter writes are read.
+  run.state.out = ctx->outBuf;
+  run.state.outLen = 0;
+  run.state.outCap = kOutBufSize;
+  run.stripped.reset(static_cast<uint8_t *>(VTQ_malloc(size_t(len) + 16)));
+  if (!run.stripped) return kNoMemory;
+  run.state.in = run.stripped.get();
+  run.state.inPos = 0;
+  run.state.inLen = VTQ_CopyStripControlCode(run.stripped.get(), text, len, VTQ_GetGroupCharWidth(docName),
+                                             record.dbcs);
+  return kOk;
+}
+
+int CodeConvPiece(ConvContext *ctx, ConvRun &run) {
+  const uint32_t before = run.state.inPos;
+  run.state.outLen = 0;
+  if (cconvConvert(&run.state) != 0) return kFormatError;
+  // A converter that neither reads nor writes would never finish.
+  if (run.state.outLen == 0 && run.state.inPos == before && CodeConvMore(run)) return kFormatError;
+  ctx->outLen = run.state.outLen;
+  return kOk;
+}
+
+void CodeConvEnd(ConvContext *ctx, ConvRun &run, uint32_t totalProduced) {
+  if (totalProduced == 0 && run.firstOutput) ctx->flags &= ~kCtxOutputMade;
+}
+
+int CodeConv(ConvContext *ctx, const uint8_t *text, uint32_t len, int mode) {
+  ConvRun run;
+  int r = CodeConvStart(ctx, run, text, len, mode);
+  if (r == kOk) r = CodeConvPiece(ctx, run);
+  // The whole text must fit outBuf in one piece.
+  if (r == kOk && CodeConvMore(run)) r = kFormatError;
+  CodeConvEnd(ctx, run, r == kOk ? ctx->outLen : 0);
+  return r == kOk ? kOk : kFormatError;
+}
+
+// ==== Entry-point set-up ====
+
+int OpenTextContext(ConvContext **out, const char *inPath, const FilterOptions *options,
+                    const KlnCharsetInfo *charset, void *errCallback) {
+  ConvContext *ctx = nullptr;
+  if (initial(&ctx) != kOk) {
+    closeall(ctx);
+    *out = nullptr;
+    return kNoMemory;
+  }
+  std::memcpy(ctx->inPath, inPath, std::strlen(inPath) + 1);
+  ctx->options = options;
+  ctx->charsetInfo = charset;
+  ctx->errCallback = errCallback;
+  GetEndian(ctx);
+  ctx->inFile = VTQ_FileOpen(ctx->inPath, "rb");
+  if (!ctx->inFile) {
+    closeall(ctx);
+    *out = nullptr;
+    return kOpenFailed;
+  }
+  *out = ctx;
+  return kOk;
+}

@@ -229,6 +229,17 @@ class ByteView {
 
 inline bool IsTag(const uint8_t *p, const char *tag4) { return std::memcmp(p, tag4, 4) == 0; }
 
+// The running output total that the OLE state record carries into the
+// runtime's extraction and back (a host-order u32).
+inline uint32_t OleStateTotal(const ConvContext *ctx) {
+  uint32_t v = 0;
+  if (ctx->oleState) std::memcpy(&v, ctx->oleState + VTQ_OLE_STATE_TOTAL, 4);
+  return v;
+}
+inline void SetOleStateTotal(ConvContext *ctx, uint32_t v) {
+  if (ctx->oleState) std::memcpy(ctx->oleState + VTQ_OLE_STATE_TOTAL, &v, 4);
+}
+
 // ---- Context (klnmain.cpp). ----
 int initial(ConvContext **out);
 int closeall(ConvContext *ctx);
@@ -242,6 +253,21 @@ int FindDSET(ConvContext *ctx);
 int SkipCurDSET(ConvContext *ctx);
 int SkipCurBuff(ConvContext *ctx);
 int ReadFilePass(int32_t n, ConvContext *ctx);
+
+// Reads up to len bytes into buf at offset `at`, growing buf as the bytes
+// arrive, so that a length word larger than the file costs no more memory
+// than the file holds. Answers the number of bytes read (0 when none came),
+// or -1 when the buffer cannot grow.
+long ReadGrowing(ConvContext *ctx, VtqBuffer &buf, size_t at, uint32_t len);
+
+// A path the 260-byte buffers of the context cannot hold (or none).
+inline bool PathTooLong(const char *path) { return !path || strnlen(path, kPathSize) >= kPathSize; }
+
+// Creates the context of a text conversion, fills it from the caller's
+// arguments and opens the input. On failure the context is released and
+// *out is null; answers 0, 12 or 22.
+int OpenTextContext(ConvContext **out, const char *inPath, const FilterOptions *options,
+                    const KlnCharsetInfo *charset, void *errCallback);
 
 // Runs the text conversion of an opened context and judges the outcome;
 // shared by the file and the stream entry points.
