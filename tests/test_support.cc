@@ -1,5 +1,7 @@
 #include "test_support.h"
 
+#include "klnmain.h"
+
 #include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -92,6 +94,37 @@ Result RunFile(const Bytes &doc, const FilterOptions &opt, const KlnCharsetInfo 
   r.outputExists = stat(out.c_str(), &st) == 0;
   r.text = ReadAll(out);
   return r;
+}
+
+}  // namespace kln
+
+namespace kln {
+
+OpenedContext::OpenedContext(const Bytes &doc, const FilterOptions &opt, const KlnCharsetInfo &cs)
+    : options(opt), charset(cs) {
+  std::string in = dir_.file("in.kln");
+  WriteFile(in, doc);
+  if (initial(&ctx_) != 0) throw std::runtime_error("initial failed");
+  std::snprintf(ctx_->inPath, sizeof ctx_->inPath, "%s", in.c_str());
+  ctx_->options = &options;
+  ctx_->charsetInfo = &charset;
+  GetEndian(ctx_);
+  ctx_->inFile = VTQ_FileOpen(in.c_str(), "rb");
+  stream_ = VTQ_StreamCreate(Collect, &text);
+  ctx_->streamMode = 1;
+  ctx_->outStream = stream_;
+}
+
+OpenedContext::~OpenedContext() {
+  if (ctx_->inFile) VTQ_FileClose(ctx_->inFile);
+  closeall(ctx_);
+  VTQ_StreamDestroy(stream_);
+}
+
+Bytes OpenedContext::next(size_t n) {
+  Bytes b(n);
+  b.resize(VTQ_FileRead(b.data(), 1, n, ctx_->inFile));
+  return b;
 }
 
 }  // namespace kln

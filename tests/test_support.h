@@ -7,6 +7,8 @@
 #include "kln_builder.h"
 #include "vtq_txkln.h"
 
+struct ConvContext;
+
 namespace kln {
 
 // Options with the output set and flag bits named; everything else zero.
@@ -40,5 +42,28 @@ Result RunStream(const Bytes &doc, const FilterOptions &opt = Options(), const K
 Result RunFile(const Bytes &doc, const FilterOptions &opt = Options(), const KlnCharsetInfo &cs = Charset());
 
 std::string ReadAll(const std::string &path);
+
+// A context of the filter opened on a document, for driving its stages
+// one by one. Output goes to `text` (stream mode).
+class OpenedContext {
+ public:
+  explicit OpenedContext(const Bytes &doc, const FilterOptions &opt = Options(),
+                         const KlnCharsetInfo &cs = Charset());
+  ~OpenedContext();
+  OpenedContext(const OpenedContext &) = delete;
+  OpenedContext &operator=(const OpenedContext &) = delete;
+  ::ConvContext *operator->() const { return ctx_; }
+  ::ConvContext *get() const { return ctx_; }
+  // The next n bytes of the input (fewer at its end).
+  Bytes next(size_t n);
+  std::string text;
+  FilterOptions options;
+  KlnCharsetInfo charset;
+
+ private:
+  TempDir dir_;
+  ::ConvContext *ctx_ = nullptr;
+  VTQ_STREAM *stream_ = nullptr;
+};
 
 }  // namespace kln

@@ -1,0 +1,268 @@
+// The context, the byte readers, the global header and the data-set walk.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "klnmain.h"
+#include "test_support.h"
+
+using kln::Bytes;
+using kln::Document;
+using kln::Header;
+
+namespace {
+
+TEST(ByteReaders, BigEndianOnEveryHost) {
+  const uint8_t two[] = {0x04, 0x02}, four[] = {0x00, 0x00, 0x01, 0x00}, ones[] = {0xFF, 0xFF, 0xFF, 0xFF};
+  EXPECT_EQ(Get2wc(two), 0x0402u);
+  EXPECT_EQ(Get4wc(four), 256u);
+  EXPECT_EQ(static_cast<int32_t>(Get4wc(ones)), -1);
+  const uint8_t le[] = {0x34, 0x12};
+  uint16_t v;
+  const uint16_t swapped = Get2BigEndianNum(le);
+  std::memcpy(&v, le, 2);
+  EXPECT_EQ(swapped, static_cast<uint16_t>((v >> 8) | (v << 8)));
+  EXPECT_EQ(Get4BigEndianNum(0x11223344u), 0x44332211u);
+  // The reversing readers undo a byte order: 1.0 stored most significant
+  // byte first comes out as 1.0 on this (least-significant-first) host.
+  const uint8_t d[] = {0x3F, 0xF0, 0, 0, 0, 0, 0, 0};
+  EXPECT_EQ(GetBigEndianFloat(d), 1.0);
+}
+
+struct FloatCase {
+  Bytes bytes;
+  double expected;
+};
+
+TEST(ByteReaders, ExtendedFloats) {
+  const FloatCase cases[] = {
+      {{0x3F, 0xFF, 0x80, 0, 0, 0, 0, 0, 0, 0}, 1.0},
+      {{0xC0, 0x00, 0xC0, 0, 0, 0, 0, 0, 0, 0}, -3.0},
+      {{0x40, 0x0B, 0xAF, 0, 0, 0, 0, 0, 0, 0}, 5600.0},
+      {{0x3F, 0xBD, 0x80, 0, 0, 0, 0, 0, 0, 0}, 0.0},                  // e = -66: cut off
+      {{0x3F, 0xBE, 0x80, 0, 0, 0, 0, 0, 0, 0}, std::ldexp(1.0, -65)},  // e = -65: kept
+      {{0xBF, 0xBD, 0x80, 0, 0, 0, 0, 0, 0, 0}, 0.0},                  // negative below the cut: +0
+      {{0x40, 0x00, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}, 4.0},  // rounds to double
+  };
+  for (const FloatCase &c : cases) {
+    const double v = getfloat(c.bytes.data(), nullptr);
+    EXPECT_EQ(v, c.expected);
+    EXPECT_FALSE(std::signbit(v) && c.expected == 0.0);
+  }
+  const Bytes inf = {0x7F, 0xFF, 0x80, 0, 0, 0, 0, 0, 0, 0};
+  EXPECT_TRUE(std::isinf(getfloat(inf.data(), nullptr)));
+}
+
+TEST(Context, EveryAllocationOfInitialFailsWith12) {
+  for (long n = 1; n <= 4; ++n) {
+    ConvContext *ctx = reinterpret_cast<ConvContext *>(1);
+    VTQ_SetAllocFailAt(n);
+    EXPECT_EQ(initial(&ctx), 12) << n;
+    VTQ_SetAllocFailAt(0);
+    EXPECT_EQ(n == 1, ctx == nullptr);
+    EXPECT_EQ(closeall(ctx), 0);  // a partial context is released like a full one
+  }
+}
+
+TEST(Context, ReleasesDatabaseFieldsUpToTheFirstUnnamed) {
+  ConvContext *ctx;
+  ASSERT_EQ(initial(&ctx), 0);
+  ctx->dbFieldCount = 3;
+  ctx->dbFields = static_cast<DbField *>(VTQ_calloc(4, sizeof(DbField)));
+  ctx->dbFields[0].name = static_cast<char *>(VTQ_calloc(2, 1));
+  ctx->dbFields[0].extraLen = 4;
+  ctx->dbFields[0].extra = static_cast<uint8_t *>(VTQ_calloc(4, 1));
+  EXPECT_EQ(closeall(ctx), 0);  // LeakSanitizer checks nothing stays behind
+}
+
+// ---- The global header ----
+
+// Opens a context on the document and walks the header; the next two
+// bytes of the input come back in `after` (the data-set count).
+int WalkHeader(const Bytes &doc, ConvContext *out = nullptr, Bytes *after = nullptr) {
+  kln::OpenedContext ctx(doc);
+  const int r = GetGlobalInfo(ctx.get());
+  if (out) *out = *ctx.get();
+  if (after) *after = ctx.next(2);
+  return r;
+}
+
+Bytes WithCount(const Header &h) { return kln::Cat({h.build(), {0x12, 0x34}}); }
+
+TEST(GlobalHeader, WalksToTheEndOfTheFixedTail) {
+  Header h;
+  h.docKind = 2;
+  h.title = std::string(200, 'T');
+  h.author = "";
+  h.keywords = "k";
+  h.dbPath = Bytes(8192, 1);
+  h.table6 = Bytes(24, 0);  // two entries after the 16 bytes
+  ConvContext c;
+  Bytes after;
+  EXPECT_EQ(WalkHeader(WithCount(h), &c, &after), 0);
+  EXPECT_EQ(c.headerVariant, 0);
+  EXPECT_EQ(c.docKind, 2);
+  EXPECT_EQ(after, (Bytes{0x12, 0x34}));
+}
+
+TEST(GlobalHeader, PrintTableAbove120EndsTheWalkEarly) {
+  Header h;
+  h.printTableFirst = 121;
+  Bytes after;
+  EXPECT_EQ(WalkHeader(WithCount(h), nullptr, &after), 0);
+  EXPECT_EQ(after, (Bytes{0x12, 0x34}));
+}
+
+TEST(GlobalHeader, ErrorsAndTheSecondVariant) {
+  struct Case {
+    const char *name;
+    Header header;
+    int expected;
+  };
+  Header badSig;
+  badSig.signature = "RVZX";
+  Header variant1 = badSig;
+  variant1.mark1 = 0x05;  // 04 05: second variant, header errors are not reported
+  Header otherMark;
+  otherMark.mark0 = 0x00;  // not rejected for its mark
+  Header kind4;
+  kind4.docKind = 4;
+  Header longPath;
+  longPath.dbPath = Bytes(8193, 0);
+  Header longPalette;
+  longPalette.palette = Bytes(8193, 0);
+  const Case cases[] = {
+      {"wrong signature", badSig, 3000},      {"second variant", variant1, 0},
+      {"other mark", otherMark, 0},           {"document kind 4", kind4, 3000},
+      {"LenDbPath above 8192", longPath, 3000}, {"Palette above 8192", longPalette, 3000},
+  };
+  for (const Case &c : cases) EXPECT_EQ(WalkHeader(WithCount(c.header)), c.expected) << c.name;
+}
+
+TEST(GlobalHeader, TruncatedHeaderFailsOnlyInTheFirstVariant) {
+  const Bytes full = Header().build();
+  for (size_t len : {size_t(0), size_t(3), size_t(100), size_t(344), full.size() - 324}) {  // the last field missing whole
+    const Bytes cut(full.begin(), full.begin() + static_cast<long>(len));
+    EXPECT_EQ(WalkHeader(cut), 3000) << len;
+    Bytes cut1 = cut;
+    if (cut1.size() >= 2) {
+      cut1[1] = 0x07;
+      EXPECT_EQ(WalkHeader(cut1), 0) << len;
+    }
+  }
+}
+
+// ---- The data-set walk ----
+
+kln::DataSet Unread(uint8_t kind, Bytes content = {}) {
+  kln::DataSet d;
+  d.kind = kind;
+  d.content = std::move(content);
+  return d;
+}
+
+struct Walk {
+  int result;
+  uint32_t dsetSeen;
+  int32_t dsetCount;
+  Bytes rest;  // what the walk left unread
+};
+
+Walk RunWalk(const Bytes &doc) {
+  kln::OpenedContext ctx(doc);
+  EXPECT_EQ(GetGlobalInfo(ctx.get()), 0);
+  const int r = GetDSetInfo(ctx.get());
+  return {r, ctx->dsetSeen, ctx->dsetCount, ctx.next(64)};
+}
+
+TEST(DataSetWalk, SkipsDataSetsWithoutReaderToFntm) {
+  Document d;
+  const Bytes blocks = kln::Cat({kln::Block(Bytes(5, 7)), {0, 0, 0, 0}, {0xFF, 0xFF, 0xFF, 0xF0},
+                                 kln::Block(kln::Str("DSEX"))});
+  d.dataSets = {Unread(4, blocks), Unread(0x7F, blocks), Unread(0x80, blocks)};
+  d.trailer = kln::Str("after");
+  const Walk w = RunWalk(d.build());
+  EXPECT_EQ(w.result, 0);
+  EXPECT_EQ(w.dsetSeen, 3u);
+  EXPECT_EQ(w.rest, kln::Str("after"));
+}
+
+TEST(DataSetWalk, EndsAfterTheAnnouncedCount) {
+  Document d;
+  d.dataSets = {Unread(9), Unread(9)};
+  d.dsetCount = 1;
+  d.dataSets[1].seq = 1;
+  const Walk w = RunWalk(d.build());
+  EXPECT_EQ(w.result, 0);
+  EXPECT_EQ(w.dsetSeen, 2u);  // the skip read the second tag
+  EXPECT_EQ(w.rest.size(), 20u + 4u);  // its record and "FNTM" stay unread
+}
+
+TEST(DataSetWalk, CountZeroReadsNothing) {
+  Document d;
+  d.dataSets = {Unread(9)};
+  d.dsetCount = 0;
+  const Walk w = RunWalk(d.build());
+  EXPECT_EQ(w.result, 0);
+  EXPECT_EQ(w.dsetSeen, 1u);
+  EXPECT_EQ(w.rest.size(), 24u);
+}
+
+TEST(DataSetWalk, FindsTheFirstTagByScanning) {
+  Header h;
+  h.printTableFirst = 121;  // the walk stops early; junk follows the header
+  kln::Document d;
+  d.header = h;
+  d.dataSets = {Unread(9), Unread(9)};
+  const Bytes body = d.build();
+  const Bytes headerBytes = h.build();
+  const Bytes tail(body.begin() + static_cast<long>(headerBytes.size()), body.end());
+  const Bytes doc = kln::Cat({headerBytes, kln::Str("xxDDSETyy"), tail});
+  const Walk w = RunWalk(doc);
+  EXPECT_EQ(w.result, 0);
+  EXPECT_EQ(w.dsetCount, 2);  // taken from the two bytes in front of the tag
+  EXPECT_EQ(w.dsetSeen, 2u);
+}
+
+TEST(DataSetWalk, TagAfterAnExtraDIsNotFound) {
+  // 'D' 'D' 'S' 'E' is compared and differs; "T" alone never matches.
+  const Bytes doc = kln::Cat({[] {
+                                Header h;
+                                h.printTableFirst = 121;
+                                return h.build();
+                              }(),
+                              {0, 1}, kln::Str("DDSET")});
+  EXPECT_EQ(RunWalk(doc).result, 3000);
+}
+
+TEST(DataSetWalk, MalformedRecordsFail) {
+  Document shortRecord;
+  shortRecord.dataSets = {Unread(9)};
+  Bytes doc = shortRecord.build();
+  const size_t rec = Header().build().size() + 2 + 4;
+  doc[rec + 3] = 15;  // record length 15
+  EXPECT_EQ(RunWalk(doc).result, 3000);
+
+  Document badSeq;
+  badSeq.dataSets = {Unread(9)};
+  badSeq.dataSets[0].seq = 2;
+  EXPECT_EQ(RunWalk(badSeq.build()).result, 3000);
+
+  Document noEnd;
+  noEnd.dataSets = {Unread(9)};
+  noEnd.endWithFntm = false;
+  EXPECT_EQ(RunWalk(noEnd.build()).result, 3000);
+}
+
+TEST(Navigation, SkipCurBuffSkipsExactlyOneBlock) {
+  const Bytes doc = kln::Cat({kln::Block(Bytes(3, 1)), {0, 0, 0, 0}, kln::Str("DSET"), {9}});
+  kln::OpenedContext ctx(doc);
+  EXPECT_EQ(SkipCurBuff(ctx.get()), 0);
+  EXPECT_EQ(SkipCurBuff(ctx.get()), 0);  // a length of 0
+  EXPECT_EQ(SkipCurBuff(ctx.get()), 3000);  // "DSET" where a block is due
+  EXPECT_EQ(ReadFilePass(0, ctx.get()), 0);
+  EXPECT_EQ(ReadFilePass(-5, ctx.get()), 0);
+  EXPECT_EQ(ReadFilePass(2, ctx.get()), 3000);  // only one byte is left
+}
+
+}  // namespace

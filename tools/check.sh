@@ -1,0 +1,18 @@
+#!/bin/sh
+# Builds the project twice and runs every test in both builds:
+#   build-check      g++, warnings are errors
+#   build-sanitize   clang with AddressSanitizer and UndefinedBehaviorSanitizer
+set -e
+cd "$(dirname "$0")/.."
+JOBS=${JOBS:-2}
+
+cmake -S . -B build-check -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKLN_WERROR=ON \
+  -DCMAKE_C_COMPILER=gcc -DCMAKE_CXX_COMPILER=g++
+cmake --build build-check -j "$JOBS"
+ctest --test-dir build-check --output-on-failure -j "$JOBS"
+
+cmake -S . -B build-sanitize -DCMAKE_BUILD_TYPE=Debug -DKLN_WERROR=ON -DKLN_SANITIZE="address;undefined" \
+  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+cmake --build build-sanitize -j "$JOBS"
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  ctest --test-dir build-sanitize --output-on-failure -j "$JOBS"
