@@ -1,0 +1,127 @@
+// The text entry points: result codes, removal of the output, the log.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "test_support.h"
+#include "vtq_rt.h"
+
+using kln::Bytes;
+using kln::Document;
+using kln::TempDir;
+
+namespace {
+
+bool Exists(const std::string &path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0;
+}
+
+Bytes NotKln() {
+  Document d;
+  d.header.signature = "NOPE";
+  return d.build();
+}
+
+TEST(EntryPoints, OpenFailuresAndLongPathsGive22) {
+  TempDir dir;
+  const FilterOptions opt = kln::Options();
+  const KlnCharsetInfo cs = kln::Charset();
+  const std::string in = dir.file("in.kln"), out = dir.file("out.txt");
+  kln::WriteFile(in, Document().build());
+
+  EXPECT_EQ(GetTextWithErrCallback(dir.file("missing").c_str(), out.c_str(), &opt, &cs, nullptr), 22);
+  EXPECT_FALSE(Exists(out));
+  EXPECT_EQ(GetTextWithErrCallback(in.c_str(), dir.file("no/such/dir").c_str(), &opt, &cs, nullptr), 22);
+
+  const std::string longPath = dir.path() + "/" + std::string(260 - dir.path().size() - 1, 'a');
+  ASSERT_EQ(longPath.size(), 260u);
+  EXPECT_EQ(GetTextWithErrCallback(longPath.c_str(), out.c_str(), &opt, &cs, nullptr), 22);
+  EXPECT_EQ(GetTextWithErrCallback(in.c_str(), longPath.c_str(), &opt, &cs, nullptr), 22);
+  EXPECT_FALSE(Exists(longPath));
+  EXPECT_EQ(GetTextStreamWithErrCallback(longPath.c_str(), nullptr, &opt, &cs, nullptr), 22);
+  EXPECT_EQ(GetTextStreamWithErrCallback(dir.file("missing").c_str(), nullptr, &opt, &cs, nullptr), 22);
+  EXPECT_EQ(dir.list(), std::vector<std::string>{"in.kln"});
+}
+
+TEST(EntryPoints, NothingProducedGives3003AndRemovesOnlyInFileMode) {
+  const kln::Result file = kln::RunFile(Document().build());
+  EXPECT_EQ(file.code, 3003);
+  EXPECT_FALSE(file.outputExists);
+  EXPECT_EQ(kln::RunStream(Document().build()).code, 3003);
+
+  const kln::Result bad = kln::RunFile(NotKln());
+  EXPECT_EQ(bad.code, 3000);
+  EXPECT_FALSE(bad.outputExists);
+  EXPECT_EQ(kln::RunStream(NotKln()).code, 3000);
+}
+
+TEST(EntryPoints, AllocationFailuresGive12WithoutLeaks) {
+  const Bytes doc = Document().build();
+  for (long n = 1;; ++n) {
+    VTQ_SetAllocFailAt(n);
+    const long before = VTQ_AllocCount();
+    const int code = kln::RunStream(doc).code;
+    const bool reached = VTQ_AllocCount() - before >= n;
+    VTQ_SetAllocFailAt(0);
+    if (!reached) {
+      EXPECT_EQ(code, 3003);
+      break;
+    }
+    EXPECT_TRUE(code == 12 || code == 3000) << "allocation " << n << " gave " << code;
+  }
+}
+
+struct LogCase {
+  const char *name;
+  uint8_t docKind;
+  bool stream;
+  const char *expectedTail;
+};
+
+TEST(EntryPoints, LogTexts) {
+  const LogCase cases[] = {
+      {"word processing, file", 1, false, "\nNow Get Global Information.\nNow Get DSET Information.\n\nVTQ_KLN FILE CLOSED."},
+      {"spreadsheet, stream", 2, true,
+       "\nNow Get Global Information.\nNow Get DSET Information.\nNow Get STYLE Information.\nNow Wrtie File "
+       "begin.\nNow Wrtie File End.\n\nVTQ_KLN FILE CLOSED."},
+  };
+  for (const LogCase &c : cases) {
+    TempDir dir;
+    Document d;
+    d.header.docKind = c.docKind;
+    d.trailer = kln::StyleChain().build();
+    const std::string in = dir.file("in.kln"), out = dir.file("out.txt");
+    kln::WriteFile(in, d.build());
+    const FilterOptions opt = kln::Options("UTF-8", KLN_FLAG_LOG);
+    const KlnCharsetInfo cs = kln::Charset();
+    int code;
+    std::string logName;
+    if (c.stream) {
+      VTQ_STREAM *s = VTQ_StreamCreateFile(stdout);
+      code = GetTextStreamWithErrCallback(in.c_str(), s, &opt, &cs, nullptr);
+      VTQ_StreamDestroy(s);
+      logName = in + ".KLN.log";
+    } else {
+      code = GetTextWithErrCallback(in.c_str(), out.c_str(), &opt, &cs, nullptr);
+      logName = out + ".KLN.log";
+    }
+    EXPECT_EQ(code, 3003) << c.name;
+    EXPECT_EQ(kln::ReadAll(logName),
+              std::string("\nVTQ_KLN FILE BEGIN:\n\nThe File Name is:\n") + in + c.expectedTail)
+        << c.name;
+  }
+}
+
+TEST(EntryPoints, LogThatCannotBeOpenedGives22) {
+  TempDir dir;
+  const std::string in = dir.file("in.kln");
+  kln::WriteFile(in, Document().build());
+  // The output name fits its 260 bytes, the log name built from it does not.
+  const std::string out = dir.path() + "/" + std::string(255 - dir.path().size(), 'o');
+  const FilterOptions opt = kln::Options("UTF-8", KLN_FLAG_LOG);
+  const KlnCharsetInfo cs = kln::Charset();
+  EXPECT_EQ(GetTextWithErrCallback(in.c_str(), out.c_str(), &opt, &cs, nullptr), 22);
+  EXPECT_EQ(dir.list(), std::vector<std::string>{"in.kln"});  // the empty output is removed
+}
+
+}  // namespace
