@@ -1,0 +1,35 @@
+#include "corpus.h"
+
+namespace kln {
+
+namespace {
+NamedDocument HeaderOnly() {
+  Document d;
+  d.header.title = "title";
+  d.header.author = "\x93\xfa\x96\x7b";
+  d.header.keywords = "k1 k2";
+  return {"header_only", d.build()};
+}
+
+NamedDocument StyleChainOnly() {
+  Document d;
+  d.header.docKind = 2;
+  d.trailer = StyleChain{{{0, 0}, {1, 1}}, {{0, 0, 0, 0}, {4, 2, 1, 1}}}.build();
+  return {"style_chain", d.build()};
+}
+
+NamedDocument SecondVariantWithScan() {
+  Document d;
+  d.header.mark1 = 0x07;
+  d.header.printTableFirst = 121;
+  DataSet unknown;
+  unknown.kind = 9;
+  unknown.content = Block(Bytes(8, 1));
+  d.dataSets = {unknown, unknown};
+  return {"variant1_scan", d.build()};
+}
+}  // namespace
+
+std::vector<NamedDocument> Corpus() { return {HeaderOnly(), StyleChainOnly(), SecondVariantWithScan()}; }
+
+}  // namespace kln
