@@ -1,32 +1,496 @@
-// Character conversion: placeholder that copies bytes unchanged.
+// Character conversion on iconv.
+//
+// Document text (Windows-31J or ISO-8859-1) is decoded to code points
+// through a table that iconv fills once per process; the code points are
+// encoded by hand for the UTF forms and ISO-8859-1, and through iconv for
+// every other output set. The filter sets a converter up for every write,
+// so converters are cached per thread by output set.
+#include <errno.h>
+#include <iconv.h>
+
+#include <cctype>
+#include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 #include "vtq_rt.h"
 
+namespace {
+
+constexpr uint32_t kInvalid = 0xFFFFFFFFu;  // no character of the set
+constexpr uint32_t kLead = 0xFFFFFFFEu;     // first byte of a two-byte character
+constexpr uint32_t kReplacement = 0xFFFD;
+
+bool IsTrail(uint8_t b) { return (b >= 0x40 && b <= 0x7E) || (b >= 0x80 && b <= 0xFC); }
+bool IsLeadByte(uint8_t b) { return (b >= 0x81 && b <= 0x9F) || (b >= 0xE0 && b <= 0xFC); }
+
+// iconv knows the document set by its registered name.
+const char *IconvName(const char *name) { return std::strcmp(name, "WINDOWS31J") == 0 ? "WINDOWS-31J" : name; }
+
+// ---- Decoding the document set ----
+
+// Windows-31J: one entry per single byte and one per lead/trail pair.
+struct Windows31JTable {
+  uint32_t single[256];
+  uint32_t pair[65536];  // (lead << 8) | trail
+};
+
+// Converts bytes with cd into one UTF-32LE code point; kInvalid when the
+// bytes are no whole character, kLead when they are only its beginning.
+uint32_t DecodeOne(iconv_t cd, const uint8_t *bytes, size_t n) {
+  iconv(cd, nullptr, nullptr, nullptr, nullptr);
+  char *in = reinterpret_cast<char *>(const_cast<uint8_t *>(bytes));
+  uint8_t out[8];
+  char *o = reinterpret_cast<char *>(out);
+  size_t inLeft = n, outLeft = sizeof out;
+  if (iconv(cd, &in, &inLeft, &o, &outLeft) == size_t(-1)) return errno == EINVAL ? kLead : kInvalid;
+  if (inLeft != 0 || sizeof out - outLeft != 4) return kInvalid;
+  return uint32_t(out[0]) | uint32_t(out[1]) << 8 | uint32_t(out[2]) << 16 | uint32_t(out[3]) << 24;
+}
+
+const Windows31JTable *Windows31J() {
+  static Windows31JTable *table = nullptr;
+  static std::once_flag once;
+  std::call_once(once, [] {
+    auto *t = static_cast<Windows31JTable *>(std::malloc(sizeof(Windows31JTable)));
+    iconv_t cd = iconv_open("UTF-32LE", "WINDOWS-31J");
+    if (!t || cd == iconv_t(-1)) {
+      std::free(t);
+      return;
+    }
+    for (uint32_t &v : t->pair) v = kInvalid;
+    for (int b = 0; b < 256; ++b) {
+      const uint8_t byte = static_cast<uint8_t>(b);
+      t->single[b] = b < 0x80 ? uint32_t(b) : DecodeOne(cd, &byte, 1);
+      if (t->single[b] != kLead) continue;
+      for (int trail = 0x40; trail <= 0xFC; ++trail) {
+        const uint8_t two[2] = {byte, static_cast<uint8_t>(trail)};
+        if (IsTrail(two[1])) {
+          const uint32_t cp = DecodeOne(cd, two, 2);
+          t->pair[(b << 8) | trail] = cp == kLead ? kInvalid : cp;
+        }
+      }
+    }
+    iconv_close(cd);
+    table = t;
+  });
+  return table;
+}
+
+// The document's decoder: the table for Windows-31J, none for ISO-8859-1.
+struct Decoder {
+  const Windows31JTable *w31j;
+};
+const Decoder kLatin1Decoder{nullptr};
+
+// Decodes the character at in[0..n); answers its code point (kInvalid for
+// a byte or pair that is no character) and sets *used. A lead byte takes
+// the next byte when it lies in the trail range: an unassigned pair stands
+// for one character; a lead byte before any other byte, or at the end,
+// stands alone.
+uint32_t DecodeChar(const Decoder *d, const uint8_t *in, size_t n, size_t *used) {
+  *used = 1;
+  if (!d->w31j) return in[0];
+  const uint32_t cp = d->w31j->single[in[0]];
+  if (cp != kLead) return cp;
+  if (n < 2 || !IsTrail(in[1])) return kInvalid;
+  *used = 2;
+  return d->w31j->pair[(uint32_t(in[0]) << 8) | in[1]];
+}
+
+// ---- Encoding the output set ----
+
+enum class Form { kUtf8, kUtf16LE, kUtf16BE, kUtf32LE, kUtf32BE, kLatin1, kIconv };
+
+struct Encoder {
+  char name[33];        // the name as given (the cache key)
+  bool valid;           // iconv knows it and it keeps no shift state
+  Form form;
+  bool bomForm;         // "UTF-16" / "UTF-32": little-endian, with a byte-order mark
+  uint32_t defaultSubst;
+  iconv_t to;           // UTF-32LE -> output (kIconv)
+  iconv_t from;         // output -> UTF-32LE, for finding character boundaries (kIconv)
+  uint8_t ascii[128][4];  // kIconv: the bytes of each ASCII character
+  uint8_t asciiLen[128];  // 0: not representable
+};
+
+// "utf-8", "UTF8", "utf_8" … name the same set.
+void Normalise(const char *name, char *out, size_t size) {
+  size_t j = 0;
+  for (size_t i = 0; name[i] && j + 1 < size; ++i) {
+    if (name[i] != '-' && name[i] != '_') out[j++] = static_cast<char>(std::toupper(static_cast<unsigned char>(name[i])));
+  }
+  out[j] = '\0';
+}
+
+bool FastForm(const char *norm, Form *form, bool *bomForm) {
+  static const struct {
+    const char *name;
+    Form form;
+    bool bom;
+  } kForms[] = {{"UTF8", Form::kUtf8, false},        {"UTF16", Form::kUtf16LE, true},
+                {"UTF16LE", Form::kUtf16LE, false},  {"UTF16BE", Form::kUtf16BE, false},
+                {"UTF32", Form::kUtf32LE, true},     {"UTF32LE", Form::kUtf32LE, false},
+                {"UTF32BE", Form::kUtf32BE, false},  {"ISO88591", Form::kLatin1, false},
+                {"LATIN1", Form::kLatin1, false}};
+  for (const auto &f : kForms) {
+    if (std::strcmp(norm, f.name) == 0) {
+      *form = f.form;
+      *bomForm = f.bom;
+      return true;
+    }
+  }
+  return false;
+}
+
+// Converts one code point with cd; answers the byte count (0 when the set
+// cannot hold it). With checkReset, a set whose reset emits bytes (one
+// that keeps shift state) answers 0 as well.
+size_t IconvEncode(iconv_t cd, uint32_t cp, uint8_t *out, size_t cap, bool *stateful = nullptr) {
+  uint8_t in[4] = {uint8_t(cp), uint8_t(cp >> 8), uint8_t(cp >> 16), uint8_t(cp >> 24)};
+  char *i = reinterpret_cast<char *>(in);
+  char *o = reinterpret_cast<char *>(out);
+  size_t inLeft = 4, outLeft = cap;
+  if (iconv(cd, &i, &inLeft, &o, &outLeft) == size_t(-1)) {
+    iconv(cd, nullptr, nullptr, nullptr, nullptr);
+    return 0;
+  }
+  if (stateful) {
+    char *before = o;
+    iconv(cd, nullptr, nullptr, &o, &outLeft);
+    *stateful = o != before;
+  }
+  return cap - outLeft;
+}
+
+// Opens the iconv side of an output set and checks that it keeps no
+// shift state: a character followed by a reset must emit nothing more.
+bool OpenIconvForm(Encoder *e) {
+  e->to = iconv_open(IconvName(e->name), "UTF-32LE");
+  if (e->to == iconv_t(-1)) return false;
+  e->from = iconv_open("UTF-32LE", IconvName(e->name));
+  if (e->from == iconv_t(-1)) return false;
+  static const uint32_t kProbes[] = {'A', 0x3042, 0x4E2D, 0x00E9, 0x03A9, 0xAC00, 0x0416};
+  for (uint32_t cp : kProbes) {
+    uint8_t out[32];
+    bool stateful = false;
+    if (IconvEncode(e->to, cp, out, sizeof out, &stateful) && stateful) return false;
+    iconv(e->to, nullptr, nullptr, nullptr, nullptr);
+  }
+  for (uint32_t c = 0; c < 128; ++c) e->asciiLen[c] = static_cast<uint8_t>(IconvEncode(e->to, c, e->ascii[c], 4));
+  return true;
+}
+
+void CloseEncoder(Encoder *e) {
+  if (e->to != iconv_t(-1)) iconv_close(e->to);
+  if (e->from != iconv_t(-1)) iconv_close(e->from);
+}
+
+void OpenEncoder(Encoder *e, const char *name) {
+  std::memset(e, 0, sizeof *e);
+  std::strncpy(e->name, name, 32);
+  e->to = e->from = iconv_t(-1);
+  char norm[40];
+  Normalise(name, norm, sizeof norm);
+  e->defaultSubst = (std::strncmp(norm, "UTF", 3) == 0 || std::strncmp(norm, "UCS", 3) == 0) ? kReplacement : '?';
+  if (FastForm(norm, &e->form, &e->bomForm)) {
+    e->valid = true;
+    return;
+  }
+  e->form = Form::kIconv;
+  e->valid = OpenIconvForm(e);
+}
+
+// The encoders of this thread, by output-set name. The runtime's own
+// memory: not counted by the allocator's failure hook.
+class EncoderCache {
+ public:
+  ~EncoderCache() {
+    for (int i = 0; i < count_; ++i) {
+      CloseEncoder(entries_[i]);
+      std::free(entries_[i]);
+    }
+  }
+  const Encoder *get(const char *name) {
+    for (int i = 0; i < count_; ++i) {
+      if (std::strncmp(entries_[i]->name, name, 32) == 0) return entries_[i];
+    }
+    Encoder *e;
+    if (count_ < kSize) {
+      e = static_cast<Encoder *>(std::malloc(sizeof(Encoder)));
+      if (!e) return nullptr;
+      entries_[count_++] = e;
+    } else {
+      e = entries_[next_];  // the oldest entry makes room
+      next_ = (next_ + 1) % kSize;
+      CloseEncoder(e);
+    }
+    OpenEncoder(e, name);
+    return e;
+  }
+
+ private:
+  static constexpr int kSize = 8;
+  Encoder *entries_[kSize] = {};
+  int count_ = 0;
+  int next_ = 0;
+};
+
+thread_local EncoderCache t_encoders;
+
+// Writes the encoding of cp into out (room for 8 bytes); answers the byte
+// count, 0 when the set cannot hold it.
+size_t Encode(const Encoder *e, uint32_t cp, uint8_t *out) {
+  switch (e->form) {
+    case Form::kUtf8:
+      if (cp < 0x80) {
+        out[0] = static_cast<uint8_t>(cp);
+        return 1;
+      }
+      if (cp < 0x800) {
+        out[0] = static_cast<uint8_t>(0xC0 | cp >> 6);
+        out[1] = static_cast<uint8_t>(0x80 | (cp & 0x3F));
+        return 2;
+      }
+      if (cp < 0x10000) {
+        if (cp >= 0xD800 && cp < 0xE000) return 0;
+        out[0] = static_cast<uint8_t>(0xE0 | cp >> 12);
+        out[1] = static_cast<uint8_t>(0x80 | ((cp >> 6) & 0x3F));
+        out[2] = static_cast<uint8_t>(0x80 | (cp & 0x3F));
+        return 3;
+      }
+      if (cp > 0x10FFFF) return 0;
+      out[0] = static_cast<uint8_t>(0xF0 | cp >> 18);
+      out[1] = static_cast<uint8_t>(0x80 | ((cp >> 12) & 0x3F));
+      out[2] = static_cast<uint8_t>(0x80 | ((cp >> 6) & 0x3F));
+      out[3] = static_cast<uint8_t>(0x80 | (cp & 0x3F));
+      return 4;
+    case Form::kUtf16LE:
+    case Form::kUtf16BE: {
+      if ((cp >= 0xD800 && cp < 0xE000) || cp > 0x10FFFF) return 0;
+      uint16_t units[2];
+      size_t n = 1;
+      if (cp < 0x10000) {
+        units[0] = static_cast<uint16_t>(cp);
+      } else {
+        units[0] = static_cast<uint16_t>(0xD800 + ((cp - 0x10000) >> 10));
+        units[1] = static_cast<uint16_t>(0xDC00 + ((cp - 0x10000) & 0x3FF));
+        n = 2;
+      }
+      const bool le = e->form == Form::kUtf16LE;
+      for (size_t i = 0; i < n; ++i) {
+        out[2 * i + (le ? 0 : 1)] = static_cast<uint8_t>(units[i]);
+        out[2 * i + (le ? 1 : 0)] = static_cast<uint8_t>(units[i] >> 8);
+      }
+      return 2 * n;
+    }
+    case Form::kUtf32LE:
+    case Form::kUtf32BE: {
+      if ((cp >= 0xD800 && cp < 0xE000) || cp > 0x10FFFF) return 0;
+      const bool le = e->form == Form::kUtf32LE;
+      for (int i = 0; i < 4; ++i) out[le ? i : 3 - i] = static_cast<uint8_t>(cp >> (8 * i));
+      return 4;
+    }
+    case Form::kLatin1:
+      if (cp > 0xFF) return 0;
+      out[0] = static_cast<uint8_t>(cp);
+      return 1;
+    case Form::kIconv:
+      if (cp < 0x80) {
+        std::memcpy(out, e->ascii[cp], 4);
+        return e->asciiLen[cp];
+      }
+      return IconvEncode(e->to, cp, out, 8);
+  }
+  return 0;
+}
+
+// The encoding of cp, or of the substitution character when the set
+// cannot hold it (nothing when it cannot hold that either).
+size_t EncodeOrSubstitute(const CconvState *st, const Encoder *e, uint32_t cp, uint8_t *out) {
+  if (cp != kInvalid) {
+    const size_t n = Encode(e, cp, out);
+    if (n) return n;
+  }
+  const uint32_t subst = st->subst ? st->subst : e->defaultSubst;
+  size_t n = Encode(e, subst, out);
+  if (!n && subst != '?') n = Encode(e, '?', out);
+  return n;
+}
+
+size_t ByteOrderMark(const CconvState *st, const Encoder *e, uint8_t *out) {
+  if (!st->firstOutput || st->bomDone) return 0;
+  if (e->bomForm || (e->form == Form::kUtf8 && st->utf8Bom)) return Encode(e, 0xFEFF, out);
+  return 0;
+}
+
+// Decodes the unit at in[0..n): one character, or one line end as the
+// separator code makes it. Writes up to two code points.
+size_t DecodeUnit(const CconvState *st, const uint8_t *in, size_t n, uint32_t cps[2], size_t *used) {
+  const uint8_t b = in[0];
+  if ((b == '\r' || b == '\n') && st->lineEnds >= 2 && st->lineEnds <= 5) {
+    *used = (b == '\r' && n > 1 && in[1] == '\n') ? 2 : 1;
+    switch (st->lineEnds) {
+      case 2:
+        cps[0] = '\n';
+        return 1;
+      case 3:
+        cps[0] = '\r';
+        cps[1] = '\n';
+        return 2;
+      case 4:
+        cps[0] = '\r';
+        return 1;
+      default:
+        cps[0] = ' ';
+        return 1;
+    }
+  }
+  cps[0] = DecodeChar(static_cast<const Decoder *>(st->decoder), in, n, used);
+  return 1;
+}
+
+// ---- Character boundaries of converted text ----
+
+// The longest prefix of out[0..len) that is whole characters and at most
+// allowance bytes, for sets whose characters iconv can tell apart.
+uint32_t IconvBoundary(const Encoder *e, const unsigned char *out, uint32_t len, uint32_t allowance) {
+  iconv(e->from, nullptr, nullptr, nullptr, nullptr);
+  char *in = reinterpret_cast<char *>(const_cast<unsigned char *>(out));
+  size_t inLeft = len;
+  uint32_t done = 0;
+  while (inLeft > 0) {
+    uint8_t cp[4];
+    char *o = reinterpret_cast<char *>(cp);
+    size_t outLeft = 4;  // room for one character: iconv converts one at a time
+    const size_t r = iconv(e->from, &in, &inLeft, &o, &outLeft);
+    const uint32_t at = len - static_cast<uint32_t>(inLeft);
+    if (at > allowance) break;
+    if (at == done && r == size_t(-1)) break;  // not a character of the set: stop before it
+    done = at;
+  }
+  return done;
+}
+
+}  // namespace
+
 extern "C" {
 
-int cconvInitConvert(CconvState *, const CconvOptions *, const char *) { return 0; }
-int cconvChgCharset(CconvState *, const CconvCharsetRecord *, const char *) { return 0; }
+int cconvInitConvert(CconvState *st, const CconvOptions *opt, const char *outName) {
+  if (!st || !opt || !outName) return -1;
+  const Encoder *e = t_encoders.get(outName);
+  if (!e || !e->valid) return -1;
+  st->encoder = e;
+  st->decoder = nullptr;
+  st->firstOutput = opt->firstOutput;
+  st->utf8Bom = opt->convOption & KLN_CONV_UTF8_BOM;
+  st->lineEnds = opt->separatorCode;
+  st->subst = opt->subst;
+  st->bomDone = 0;
+  return 0;
+}
+
+int cconvChgCharset(CconvState *st, const CconvCharsetRecord *, const char *docName) {
+  if (!st || !docName) return -1;
+  if (std::strcmp(docName, "WINDOWS31J") == 0) {
+    static Decoder w31j{nullptr};
+    static std::once_flag once;
+    std::call_once(once, [] { w31j.w31j = Windows31J(); });
+    if (!w31j.w31j) return -1;
+    st->decoder = &w31j;
+    return 0;
+  }
+  if (std::strcmp(docName, "ISO-8859-1") == 0) {
+    st->decoder = &kLatin1Decoder;
+    return 0;
+  }
+  return -1;
+}
+
 int cconvConvert(CconvState *st) {
-  uint32_t n = st->inLen - st->inPos;
-  if (n > st->outCap - st->outLen) n = st->outCap - st->outLen;
-  std::memcpy(st->out + st->outLen, st->in + st->inPos, n);
-  st->inPos += n;
-  st->outLen += n;
+  if (!st || !st->encoder || !st->decoder) return -1;
+  const Encoder *e = static_cast<const Encoder *>(st->encoder);
+  const uint8_t *in = st->in;
+  uint32_t pos = st->inPos, outLen = st->outLen;
+  while (pos < st->inLen) {
+    uint8_t buf[32];
+    size_t n = ByteOrderMark(st, e, buf);
+    uint32_t cps[2];
+    size_t used;
+    const size_t count = DecodeUnit(st, in + pos, st->inLen - pos, cps, &used);
+    for (size_t i = 0; i < count; ++i) n += EncodeOrSubstitute(st, e, cps[i], buf + n);
+    if (n > st->outCap - outLen) break;  // the next piece starts with this unit
+    std::memcpy(st->out + outLen, buf, n);
+    outLen += static_cast<uint32_t>(n);
+    if (n) st->bomDone = 1;
+    pos += static_cast<uint32_t>(used);
+  }
+  st->inPos = pos;
+  st->outLen = outLen;
   return 0;
 }
-void cconvTermConvert(CconvState *) {}
+
+void cconvTermConvert(CconvState *st) {
+  if (!st) return;
+  st->encoder = nullptr;
+  st->decoder = nullptr;
+}
+
 int VTQ_GetResouceString(int, char *buf, int size) {
-  if (size > 0) buf[0] = 0;
+  if (!buf || size <= 0) return -1;
+  std::strncpy(buf, "ISO-8859-1", static_cast<size_t>(size) - 1);
+  buf[size - 1] = '\0';
   return 0;
 }
-int VTQ_GetGroupCharWidth(const char *) { return 1; }
-uint32_t VTQ_CopyStripControlCode(unsigned char *dst, const unsigned char *src, uint32_t len, int, uint32_t) {
-  std::memcpy(dst, src, len);
-  return len;
+
+int VTQ_GetGroupCharWidth(const char *docName) {
+  return docName && std::strcmp(docName, "WINDOWS31J") == 0 ? 2 : 1;
 }
-uint32_t CutStr(const unsigned char *, uint32_t len, uint32_t allowance, const FilterOptions *) {
-  return len < allowance ? len : allowance;
+
+uint32_t VTQ_CopyStripControlCode(unsigned char *dst, const unsigned char *src, uint32_t len, int,
+                                  uint32_t dbcs) {
+  uint32_t j = 0;
+  for (uint32_t i = 0; i < len; ++i) {
+    const uint8_t b = src[i];
+    if (dbcs && IsLeadByte(b) && i + 1 < len && IsTrail(src[i + 1])) {
+      dst[j++] = b;
+      dst[j++] = src[++i];
+      continue;
+    }
+    const bool control = b < 0x20 ? (b != '\t' && b != '\n' && b != '\r') : b == 0x7F;
+    if (!control) dst[j++] = b;
+  }
+  return j;
+}
+
+uint32_t CutStr(const unsigned char *converted, uint32_t len, uint32_t allowance, const FilterOptions *options) {
+  if (allowance >= len) return len;
+  const Encoder *e = options ? t_encoders.get(options->outCharset) : nullptr;
+  if (!e || !e->valid) return 0;
+  switch (e->form) {
+    case Form::kUtf8: {
+      uint32_t n = allowance;
+      while (n > 0 && (converted[n] & 0xC0) == 0x80) --n;  // step back to a lead byte
+      return n;
+    }
+    case Form::kUtf16LE:
+    case Form::kUtf16BE: {
+      uint32_t n = allowance & ~1u;
+      if (n >= 2) {
+        const size_t hi = e->form == Form::kUtf16LE ? n - 1 : n - 2;
+        if ((converted[hi] & 0xFC) == 0xD8) n -= 2;  // do not part a surrogate pair
+      }
+      return n;
+    }
+    case Form::kUtf32LE:
+    case Form::kUtf32BE:
+      return allowance & ~3u;
+    case Form::kLatin1:
+      return allowance;
+    case Form::kIconv:
+      return IconvBoundary(e, converted, len, allowance);
+  }
+  return 0;
 }
 
 }  // extern "C"

@@ -47,7 +47,13 @@ typedef struct CconvState {
   unsigned char *out;
   uint32_t outLen;
   uint32_t outCap;
-  void *impl; /* the cached converter; owned by the runtime */
+  /* Set by cconvInitConvert / cconvChgCharset; owned by the runtime. */
+  const void *encoder;   /* the cached output-side converter */
+  const void *decoder;   /* the document set's decoder */
+  uint32_t firstOutput;  /* a byte-order mark may open the output */
+  uint32_t utf8Bom;      /* UTF-8 output opens with EF BB BF */
+  uint32_t lineEnds;     /* separator code 1..5 */
+  uint32_t subst;        /* substitution code point, 0 = the set's default */
   uint32_t bomDone;
 } CconvState;
 
