@@ -1,5 +1,7 @@
 #include "corpus.h"
 
+#include "wp_builder.h"
+
 namespace kln {
 
 namespace {
@@ -28,8 +30,16 @@ NamedDocument SecondVariantWithScan() {
   d.dataSets = {unknown, unknown};
   return {"variant1_scan", d.build()};
 }
+NamedDocument Letter() {
+  WpDataSet page;
+  page.objects = {{4, "Sato"}, {3, "", std::nullopt, Bytes(12, 7)}, {4, "\x93\xfa\x96\x7b"}};
+  page.blocks = {{"\x94\x71\x8c\x5b\x01" "Dear \x06,\x0b"}, {"Thanks\x02\x09" "from \x06 \x94"}, {"\x71" "end"}};
+  WpDataSet second;
+  second.blocks = {{"P.S."}};
+  return {"letter", WpDocument({page, second}).build()};
+}
 }  // namespace
 
-std::vector<NamedDocument> Corpus() { return {HeaderOnly(), StyleChainOnly(), SecondVariantWithScan()}; }
+std::vector<NamedDocument> Corpus() { return {HeaderOnly(), StyleChainOnly(), SecondVariantWithScan(), Letter()}; }
 
 }  // namespace kln
