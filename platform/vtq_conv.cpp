@@ -22,7 +22,6 @@ constexpr uint32_t kLead = 0xFFFFFFFEu;     // first byte of a two-byte characte
 constexpr uint32_t kReplacement = 0xFFFD;
 
 bool IsTrail(uint8_t b) { return (b >= 0x40 && b <= 0x7E) || (b >= 0x80 && b <= 0xFC); }
-bool IsLeadByte(uint8_t b) { return (b >= 0x81 && b <= 0x9F) || (b >= 0xE0 && b <= 0xFC); }
 
 // iconv knows the document set by its registered name.
 const char *IconvName(const char *name) { return std::strcmp(name, "WINDOWS31J") == 0 ? "WINDOWS-31J" : name; }
@@ -88,7 +87,7 @@ const Decoder kLatin1Decoder{nullptr};
 // the next byte when it lies in the trail range: an unassigned pair stands
 // for one character; a lead byte before any other byte, or at the end,
 // stands alone.
-uint32_t DecodeChar(const Decoder *d, const uint8_t *in, size_t n, size_t *used) {
+inline uint32_t DecodeChar(const Decoder *d, const uint8_t *in, size_t n, size_t *used) {
   *used = 1;
   if (!d->w31j) return in[0];
   const uint32_t cp = d->w31j->single[in[0]];
@@ -411,18 +410,53 @@ int cconvConvert(CconvState *st) {
   if (!st || !st->encoder || !st->decoder) return -1;
   const Encoder *e = static_cast<const Encoder *>(st->encoder);
   const uint8_t *in = st->in;
+  uint8_t *out = st->out;
+  const uint32_t inLen = st->inLen, cap = st->outCap;
   uint32_t pos = st->inPos, outLen = st->outLen;
-  while (pos < st->inLen) {
+  // ASCII that is no line end comes out as the same byte in these sets.
+  const bool asciiSame = e->form == Form::kUtf8 || e->form == Form::kLatin1;
+  while (pos < inLen) {
+    const uint8_t b = in[pos];
+    if (asciiSame && b < 0x80 && b != '\r' && b != '\n' && st->bomDone) {
+      if (outLen == cap) break;
+      out[outLen++] = b;
+      ++pos;
+      continue;
+    }
+    if (e->form == Form::kUtf8 && st->bomDone && b != '\r' && b != '\n' && cap - outLen >= 4) {
+      size_t used;
+      const uint32_t cp = DecodeChar(static_cast<const Decoder *>(st->decoder), in + pos, inLen - pos, &used);
+      if (cp != kInvalid && cp < 0x10000 && (cp < 0xD800 || cp >= 0xE000)) {
+        if (cp < 0x80) {
+          out[outLen++] = static_cast<uint8_t>(cp);
+        } else if (cp < 0x800) {
+          out[outLen++] = static_cast<uint8_t>(0xC0 | cp >> 6);
+          out[outLen++] = static_cast<uint8_t>(0x80 | (cp & 0x3F));
+        } else {
+          out[outLen++] = static_cast<uint8_t>(0xE0 | cp >> 12);
+          out[outLen++] = static_cast<uint8_t>(0x80 | ((cp >> 6) & 0x3F));
+          out[outLen++] = static_cast<uint8_t>(0x80 | (cp & 0x3F));
+        }
+        pos += static_cast<uint32_t>(used);
+        continue;
+      }
+    }
+    // One unit: the byte-order mark before the first, then up to two code
+    // points of at most 8 bytes each. Written in place when it surely fits.
     uint8_t buf[32];
-    size_t n = ByteOrderMark(st, e, buf);
+    const bool direct = cap - outLen >= sizeof buf;
+    uint8_t *dst = direct ? out + outLen : buf;
+    size_t n = ByteOrderMark(st, e, dst);
     uint32_t cps[2];
     size_t used;
-    const size_t count = DecodeUnit(st, in + pos, st->inLen - pos, cps, &used);
-    for (size_t i = 0; i < count; ++i) n += EncodeOrSubstitute(st, e, cps[i], buf + n);
-    if (n > st->outCap - outLen) break;  // the next piece starts with this unit
-    std::memcpy(st->out + outLen, buf, n);
+    const size_t count = DecodeUnit(st, in + pos, inLen - pos, cps, &used);
+    for (size_t i = 0; i < count; ++i) n += EncodeOrSubstitute(st, e, cps[i], dst + n);
+    if (!direct) {
+      if (n > cap - outLen) break;  // the next piece starts with this unit
+      std::memcpy(out + outLen, buf, n);
+    }
     outLen += static_cast<uint32_t>(n);
-    if (n) st->bomDone = 1;
+    st->bomDone = 1;
     pos += static_cast<uint32_t>(used);
   }
   st->inPos = pos;
@@ -447,18 +481,19 @@ int VTQ_GetGroupCharWidth(const char *docName) {
   return docName && std::strcmp(docName, "WINDOWS31J") == 0 ? 2 : 1;
 }
 
-uint32_t VTQ_CopyStripControlCode(unsigned char *dst, const unsigned char *src, uint32_t len, int,
-                                  uint32_t dbcs) {
+// A control byte of the text stands alone even after a lead byte: no
+// control byte is a valid second byte, so the lead bytes need no care.
+uint32_t VTQ_CopyStripControlCode(unsigned char *dst, const unsigned char *src, uint32_t len, int, uint32_t) {
+  static const struct Keep {
+    uint8_t keep[256];
+    Keep() {
+      for (int b = 0; b < 256; ++b) keep[b] = (b < 0x20 ? (b == '\t' || b == '\n' || b == '\r') : b != 0x7F) ? 1 : 0;
+    }
+  } kKeep;
   uint32_t j = 0;
   for (uint32_t i = 0; i < len; ++i) {
-    const uint8_t b = src[i];
-    if (dbcs && IsLeadByte(b) && i + 1 < len && IsTrail(src[i + 1])) {
-      dst[j++] = b;
-      dst[j++] = src[++i];
-      continue;
-    }
-    const bool control = b < 0x20 ? (b != '\t' && b != '\n' && b != '\r') : b == 0x7F;
-    if (!control) dst[j++] = b;
+    dst[j] = src[i];
+    j += kKeep.keep[src[i]];
   }
   return j;
 }
