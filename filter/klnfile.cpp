@@ -28,9 +28,117 @@ extern "C" int GetTextWithErrCallback(const char *inPath, const char *outPath, c
 
 // ==== Style table ====
 
-int GetStyleInfo(ConvContext *) { return kOk; }
+// After "FNTM" the document holds the FNTM body, the "CUTS", "DSUM" and
+// "HDNI" sections and then, keyed "STYL", the style table: a run of
+// records whose bodies open with an entry count, an entry size and a tag.
 
-int GetStyle(ConvContext *, const uint8_t *, int32_t) { return kOk; }
+namespace {
+constexpr uint32_t kSectionMax = 8191;
+constexpr int kMaxStyleRecords = 257;
+constexpr size_t kRecordTag = 12;
+
+// Reads 4 bytes into b; false when nothing came.
+bool Read4(ConvContext *ctx, uint8_t *b) {
+  std::memset(b, 0, 4);
+  return comm_read(b, 1, 4, ctx->inFile) >= 1;
+}
+
+// A u32 length and, when it lies in [min, 8191], the body of that length
+// less `counted` (bytes of the length word the length counts).
+int SkipSection(ConvContext *ctx, VtqBuffer &buf, uint32_t min, uint32_t counted) {
+  uint8_t b[4];
+  if (!Read4(ctx, b)) return kFormatError;
+  const uint32_t len = Get4wc(b, ctx);
+  if (len < min || len > kSectionMax) return kOk;
+  return ReadGrowing(ctx, buf, 0, len - counted) < 1 ? kFormatError : kOk;
+}
+
+int ExpectKey(ConvContext *ctx, const char *key) {
+  uint8_t b[4];
+  return Read4(ctx, b) && IsTag(b, key) ? kOk : kFormatError;
+}
+
+// Walks FNTM, CUTS, DSUM and HDNI to the key of the next table; passes
+// over at most two more sections when that key is not "STYL".
+int FindStyleTable(ConvContext *ctx, VtqBuffer &buf) {
+  int r = SkipSection(ctx, buf, 1, 0);
+  if (r == kOk) r = ExpectKey(ctx, "CUTS");
+  if (r == kOk) r = SkipSection(ctx, buf, 1, 0);
+  if (r == kOk) r = ExpectKey(ctx, "DSUM");
+  if (r == kOk) r = SkipSection(ctx, buf, 1, 0);
+  if (r == kOk) r = ExpectKey(ctx, "HDNI");
+  if (r == kOk) r = SkipSection(ctx, buf, 5, 4);  // the HDNI length counts itself
+  if (r != kOk) return r;
+  uint8_t key[4];
+  if (!Read4(ctx, key)) return kFormatError;
+  for (int section = 0; section < 2 && !IsTag(key, "STYL"); ++section) {
+    if (!Read4(ctx, key)) return kFormatError;
+    const uint32_t len = Get4wc(key, ctx);
+    if (len >= 1 && len <= kSectionMax) {
+      const long got = ReadGrowing(ctx, buf, 0, len);
+      if (got < 1) return kFormatError;
+      // The key is the last four bytes read.
+      std::memset(key, 0, 4);
+      std::memcpy(key + (got < 4 ? 4 - got : 0), buf.data() + (got < 4 ? 0 : got - 4), got < 4 ? size_t(got) : 4);
+    }
+  }
+  return kOk;
+}
+}  // namespace
+
+int GetStyleInfo(ConvContext *ctx) {
+  VtqBuffer buf;
+  if (!buf.alloc(4 + 8192)) return kNoMemory;
+  int r = FindStyleTable(ctx, buf);
+  if (r != kOk) return r;
+  for (int n = 0; n < kMaxStyleRecords; ++n) {
+    uint8_t *rec = buf.data();
+    if (!Read4(ctx, rec)) return kFormatError;
+    const uint32_t l = Get4wc(rec, ctx);
+    if (l == 0) return kFormatError;
+    const long got = ReadGrowing(ctx, buf, 4, l);
+    if (got < 0) return kNoMemory;
+    if (got == 0) return kFormatError;
+    rec = buf.data();
+    const ByteView body(rec + 4, size_t(got));
+    // Checks use the declared length; bytes beyond those read count as 0.
+    const int32_t bodyLen = l > 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<int32_t>(l);
+    if (n == 0) {
+      if (!body.tagIs(kRecordTag, "STYL")) return kFormatError;
+      r = GetStyle(ctx, rec, bodyLen, size_t(got));
+      if (r != kOk) return r;
+      continue;
+    }
+    if ((ctx->docKind == 2 || ctx->docKind == 3) && body.tagIs(kRecordTag, "CELL")) return GetCellStyle(ctx, rec, bodyLen, size_t(got));
+    if (body.tagIs(kRecordTag, "NAME")) return kOk;
+  }
+  return kFormatError;
+}
+
+int GetStyle(ConvContext *ctx, const uint8_t *record, int32_t bodyLen, size_t held) {
+  const ByteView body(record + 4, held);
+  const uint32_t n = body.u16(0), size = body.u16(6);
+  VTQ_free(ctx->styleMap);
+  ctx->styleMapCount = int32_t(n);
+  ctx->styleMap = static_cast<uint16_t *>(VTQ_calloc(n ? n : 1, sizeof(uint16_t)));
+  if (!ctx->styleMap) return kNoMemory;
+  if (bodyLen < 82) return kFormatError;
+  for (uint32_t i = 0; i < n; ++i) {
+    const size_t e = 90 + size_t(i) * size;
+    const uint32_t style = body.u16(e);
+    if (int64_t(style) >= ctx->styleMapCount) {
+      // A style number beyond the count grows the map; new slots read as 0.
+      auto *map = static_cast<uint16_t *>(VTQ_realloc(ctx->styleMap, (size_t(style) + 1) * sizeof(uint16_t)));
+      if (!map) return kNoMemory;
+      std::memset(map + ctx->styleMapCount, 0, (size_t(style) + 1 - size_t(ctx->styleMapCount)) * sizeof(uint16_t));
+      ctx->styleMap = map;
+      ctx->styleMapCount = int32_t(style) + 1;
+    }
+    ctx->styleMap[style] = body.u16(e + 12);
+    if (82 + int64_t(i + 1) * size > bodyLen) return kFormatError;
+  }
+  return kOk;
+}
 
 // ==== Cell-writing stage ====
 

@@ -305,7 +305,9 @@ void CodeConvEnd(ConvContext *ctx, ConvRun &run, uint32_t totalProduced);
 
 // ---- Style table (klnfile.cpp). ----
 int GetStyleInfo(ConvContext *ctx);
-int GetStyle(ConvContext *ctx, const uint8_t *record, int32_t bodyLen);
+// Builds the style map from a "STYL" record (its length word first; the
+// body declares bodyLen bytes of which `held` were read).
+int GetStyle(ConvContext *ctx, const uint8_t *record, int32_t bodyLen, size_t held);
 
 // ---- Cell writer entry (klnfile.cpp). ----
 int GetVtqTxt(ConvContext *ctx);

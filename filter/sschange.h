@@ -6,6 +6,19 @@
 // Loads the first spreadsheet data set of a spreadsheet document into the
 // CellTable; answers 0x9700, 0x9800 or an error code.
 int GetSsDSET(ConvContext *ctx);
-int GetCellStyle(ConvContext *ctx, const uint8_t *record, int32_t bodyLen);
+// Builds the column list from the cell-table buffer `buf` (its length
+// field first; `length` counts that field) and stores every chunk's cells.
+int ssCtabcov(const ByteView &buf, int64_t length, ConvContext *ctx);
+// Stores the cells of one chunk (`chunk` starts at its "CHNK" tag) of
+// `column`. *tail, when set, is the node to fill (the column's last node
+// while its chunks ascend); on return it is the column's new last node.
+int ssGetCellData(const ByteView &chunk, ConvContext *ctx, int32_t column, uint32_t chunkNo, CellNode **tail);
+extern const char *const ssERR[10];
+
+// The cell style of a style number, or null when the document has none.
+const CellStyle *LookupCellStyle(const ConvContext *ctx, uint16_t styleNo);
+// Builds the cell styles from a "CELL" record (its length word first; the
+// body declares bodyLen bytes of which `held` were read).
+int GetCellStyle(ConvContext *ctx, const uint8_t *record, int32_t bodyLen, size_t held);
 // Writes the CellTable as delimited text.
 int PutSSVtqTxt(ConvContext *ctx);

@@ -89,6 +89,8 @@ TEST(EntryPoints, LogTexts) {
     TempDir dir;
     Document d;
     d.header.docKind = c.docKind;
+    d.dataSets = {kln::DataSet{}};
+    d.dataSets[0].kind = 9;  // no reader: the walk skips it and meets "FNTM"
     d.trailer = kln::StyleChain().build();
     const std::string in = dir.file("in.kln"), out = dir.file("out.txt");
     kln::WriteFile(in, d.build());

@@ -1,5 +1,6 @@
 #include "corpus.h"
 
+#include "ss_builder.h"
 #include "wp_builder.h"
 
 namespace kln {
@@ -38,8 +39,19 @@ NamedDocument Letter() {
   second.blocks = {{"P.S."}};
   return {"letter", WpDocument({page, second}).build()};
 }
+NamedDocument Budget() {
+  SsSheet sheet;
+  sheet.cells = {SsCell::Text(0, 0, "\x97\x5c\x8e\x5a"), SsCell::Text(0, 1, "Q1"),  SsCell::Int16(1, 1, 1200, 1),
+                 SsCell::Float(2, 1, 0.125, 2),            SsCell::Int32(70, 2, 33000, 3),
+                 SsCell::Formula(71, 2, 2, LeDouble(34000.5), 4), SsCell::Bool(72, 0, 1), SsCell::Error(73, 0, 2)};
+  StyleChain styles{{{0, 0}, {1, 1}, {2, 2}, {3, 3}, {4, 4}},
+                    {{0, 0, 0, 0}, {1, 0, 1, 0}, {2, 1, 0, 0}, {11, 0, 0, 0}, {15, 0, 0, 0}}};
+  return {"budget", SsDocument(sheet, styles).build()};
+}
 }  // namespace
 
-std::vector<NamedDocument> Corpus() { return {HeaderOnly(), StyleChainOnly(), SecondVariantWithScan(), Letter()}; }
+std::vector<NamedDocument> Corpus() {
+  return {HeaderOnly(), StyleChainOnly(), SecondVariantWithScan(), Letter(), Budget()};
+}
 
 }  // namespace kln

@@ -111,7 +111,7 @@ Bytes StyleChain::build() const {
   o.tag("CUTS").block(Bytes(4, 0));
   o.tag("DSUM").block(Bytes(4, 0));
   o.tag("HDNI").u32(8).zeros(4);       // HDNI length counts itself
-  o.tag("STYL");
+  o.tag(keyNextTable).raw(beforeRecords);
   Out stylEntries;
   for (const StyleEntry &s : styles) {
     Out e;
@@ -119,7 +119,8 @@ Bytes StyleChain::build() const {
     e.zeros(stylEntrySize > e.size() ? stylEntrySize - e.size() : 0);
     stylEntries.raw(e.done());
   }
-  o.raw(StyleRecord("STYL", static_cast<uint16_t>(styles.size()), stylEntrySize, stylEntries.done(), 90));
+  o.raw(StyleRecord("STYL", stylCount ? *stylCount : static_cast<uint16_t>(styles.size()), stylEntrySize, stylEntries.done(), 90));
+  for (const Bytes &r : extraRecords) o.raw(r);
   if (withCell) {
     Out cellEntries;
     for (const CellStyleSpec &c : cellStyles) {
@@ -128,7 +129,7 @@ Bytes StyleChain::build() const {
       e.zeros(cellEntrySize > e.size() ? cellEntrySize - e.size() : 0);
       cellEntries.raw(e.done());
     }
-    o.raw(StyleRecord("CELL", static_cast<uint16_t>(cellStyles.size()), cellEntrySize, cellEntries.done(), 28));
+    o.raw(StyleRecord("CELL", cellCount ? *cellCount : static_cast<uint16_t>(cellStyles.size()), cellEntrySize, cellEntries.done(), 28));
   }
   o.raw(StyleRecord("NAME", 0, 0, {}, 16));
   return o.done();

@@ -78,11 +78,17 @@ struct CellStyleSpec {
 // The section chain after "FNTM": FNTM body, CUTS, DSUM, HDNI, then the
 // "STYL" key and the records STYL, CELL (when withCell), NAME.
 struct StyleChain {
+  StyleChain(std::vector<StyleEntry> s = {}, std::vector<CellStyleSpec> c = {})
+      : styles(std::move(s)), cellStyles(std::move(c)) {}
   std::vector<StyleEntry> styles;
   std::vector<CellStyleSpec> cellStyles;
   bool withCell = true;
   uint16_t stylEntrySize = 16;
   uint16_t cellEntrySize = 16;
+  std::string keyNextTable = "STYL";  // the key after the HDNI section
+  Bytes beforeRecords;                // sections passed over before the records
+  std::vector<Bytes> extraRecords;    // records between STYL and CELL
+  std::optional<uint16_t> stylCount, cellCount;  // entry counts claimed (default: the entries)
   Bytes build() const;
 };
 
