@@ -142,7 +142,11 @@ int GetStyle(ConvContext *ctx, const uint8_t *record, int32_t bodyLen, size_t he
 
 // ==== Cell-writing stage ====
 
-int GetVtqTxt(ConvContext *) { return kOk; }
+int GetVtqTxt(ConvContext *ctx) {
+  if (ctx->docKind == 1) return kOk;
+  if (ctx->docKind == 2 || ctx->docKind == 3) return PutSSVtqTxt(ctx);
+  return kFormatError;
+}
 
 // ==== Properties ====
 

@@ -1,5 +1,10 @@
 #include "sschange.h"
 
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+
 #include "filecomm.h"
 
 // ==== Cell table and spreadsheet data sets ====
@@ -303,9 +308,490 @@ const CellStyle *LookupCellStyle(const ConvContext *ctx, uint16_t styleNo) {
 }
 
 // ==== Date serials and the Japanese calendar ====
+//
+// Serial 1 is 1900-01-01 and 1900 counts 366 days, so that from serial 61
+// (1900-03-01) on serial n is 1899-12-30 plus n days. The fraction is the
+// time of day. Texts are Windows-31J, converted with the rest of the output.
+
+const char JapanYear[4][10] = {"\x96\xbe\x8e\xa1", "\x91\xe5\x90\xb3", "\x8f\xba\x98\x61", "\x95\xbd\x90\xac"};
+const char BJapanYear[4][10] = {"M", "T", "S", "H"};
+const int16_t jpnyear[4] = {-33, 11, 25, 88};
+const int32_t jpndate[3] = {4595, 9856, 32516};
+const char JapanWeek[7][10] = {"\x93\xfa\x97\x6a\x93\xfa", "\x8c\x8e\x97\x6a\x93\xfa", "\x89\xce\x97\x6a\x93\xfa",
+                               "\x90\x85\x97\x6a\x93\xfa", "\x96\xd8\x97\x6a\x93\xfa", "\x8b\xe0\x97\x6a\x93\xfa",
+                               "\x93\x79\x97\x6a\x93\xfa"};
+const char JWeek[7][10] = {"(\x93\xfa)", "(\x8c\x8e)", "(\x89\xce)", "(\x90\x85)",
+                           "(\x96\xd8)", "(\x8b\xe0)", "(\x93\x79)"};
+const int8_t monthday[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+
+namespace {
+constexpr char kMorning[] = "\x8c\xdf\x91\x4f";
+constexpr char kAfternoon[] = "\x8c\xdf\x8c\xe3";
+constexpr int64_t kDaysPer400Years = 146097;
+// Serials beyond this many days are taken as this many (about 5.8 million
+// years): the year stays within an int and the year walk stays short.
+constexpr double kLastSerial = 2147483647.0;
+
+int YearLength(int64_t y) {
+  if (y == 0) return 366;  // 1900 counts a 29 February
+  const int64_t year = 1900 + y;
+  if (year % 4 != 0) return 365;
+  return (year % 100 == 0 && year % 400 != 0) ? 365 : 366;
+}
+
+int MonthLength(int m, int leap) { return monthday[m] + (m == 1 ? leap : 0); }
+}  // namespace
+
+void caldate(CalDate *cd) {
+  double s = std::fabs(cd->serial);
+  if (!(s <= kLastSerial)) s = kLastSerial;  // also for not-a-number
+  cd->serial = s;
+  cd->era = s < jpndate[0] ? 0 : s < jpndate[1] ? 1 : s < jpndate[2] ? 2 : 3;
+  const int64_t d0 = static_cast<int64_t>(s);
+  cd->weekday = static_cast<int32_t>((d0 + 6) % 7);
+
+  int64_t d = d0, y = 0;
+  while (d > YearLength(y)) {
+    // From 2000 on the calendar repeats every 400 years.
+    if (y >= 100 && (y - 100) % 400 == 0 && d > kDaysPer400Years) {
+      const int64_t cycles = (d - 1) / kDaysPer400Years;
+      d -= cycles * kDaysPer400Years;
+      y += cycles * 400;
+      continue;
+    }
+    d -= YearLength(y);
+    ++y;
+  }
+  int32_t year = static_cast<int32_t>(y);
+  cd->leapYear = YearLength(y) == 366 ? 1 : 0;
+  int m = 0;
+  while (m < 12 && d > MonthLength(m, cd->leapYear)) {
+    d -= MonthLength(m, cd->leapYear);
+    ++m;
+  }
+  int32_t day = static_cast<int32_t>(d);
+
+  const double f = s - double(d0);
+  const double h = 24 * f;
+  int32_t hour = static_cast<int32_t>(h);
+  const double mf = 60 * (h - hour);
+  int32_t minute = static_cast<int32_t>(mf);
+  int32_t second = static_cast<int32_t>(60 * (mf - minute) + 0.499999);
+  if (second > 59) ++minute, second -= 60;
+  if (minute > 59) ++hour, minute -= 60;
+  if (hour > 23) ++day, hour -= 24;
+  if (m < 12 && day > MonthLength(m, cd->leapYear)) day -= MonthLength(m, cd->leapYear), ++m;
+  if (m > 11) ++year, m -= 12;
+
+  cd->year = year;
+  cd->month = m + 1;
+  cd->day = day;
+  cd->hour = hour;
+  cd->minute = minute;
+  cd->second = second;
+  std::memcpy(cd->ampm, hour > 11 ? kAfternoon : kMorning, 5);
+  cd->yearInCentury = year % 100;
+}
 
 // ==== Cell value formatting ====
 
-// ==== Cell text writer ====
+namespace {
+constexpr size_t kMaxFormatted = 49;
 
-int PutSSVtqTxt(ConvContext *) { return kOk; }
+// The formatted text while it is built; any step that makes it longer
+// than 49 bytes fails the cell.
+class FormatText {
+ public:
+  bool ok() const { return len_ <= kMaxFormatted; }
+  size_t size() const { return len_; }
+  const char *data() const { return buf_; }
+  char &operator[](size_t i) { return buf_[i]; }
+  void assign(const char *s, size_t n) {
+    len_ = n < sizeof buf_ ? n : sizeof buf_;
+    std::memcpy(buf_, s, len_);
+  }
+  void append(const char *s, size_t n) {
+    const size_t room = sizeof buf_ - len_;
+    if (n > room) n = room, len_ = sizeof buf_;  // already too long: stays too long
+    std::memcpy(buf_ + len_, s, n);
+    len_ += n;
+  }
+  void append(char c) { append(&c, 1); }
+  void insert(size_t at, char c) {
+    if (len_ == sizeof buf_) return;
+    std::memmove(buf_ + at + 1, buf_ + at, len_ - at);
+    buf_[at] = c;
+    ++len_;
+  }
+  void erase(size_t at, size_t n) {
+    std::memmove(buf_ + at, buf_ + at + n, len_ - at - n);
+    len_ -= n;
+  }
+  void truncate(size_t n) {
+    if (n < len_) len_ = n;
+  }
+  size_t find(char c) const {
+    const void *p = std::memchr(buf_, c, len_);
+    return p ? size_t(static_cast<const char *>(p) - buf_) : len_;
+  }
+
+ private:
+  char buf_[kMaxFormatted + 8];
+  size_t len_ = 0;
+};
+
+// printf's "%.12f" / "%.12g", whatever locale the host has set.
+void PrintFixed(FormatText &t, double a) {
+  char buf[400];
+  const auto r = std::to_chars(buf, buf + sizeof buf, a, std::chars_format::fixed, 12);
+  t.assign(buf, size_t(r.ptr - buf));
+}
+void PrintGeneral(FormatText &t, double a) {
+  char buf[64];
+  const auto r = std::to_chars(buf, buf + sizeof buf, a, std::chars_format::general, 12);
+  t.assign(buf, size_t(r.ptr - buf));
+}
+
+void TrimZeros(FormatText &t) {
+  if (t.find('.') == t.size()) return;
+  while (t.size() > 0 && t[t.size() - 1] == '0') t.truncate(t.size() - 1);
+  if (t.size() > 0 && t[t.size() - 1] == '.') t.truncate(t.size() - 1);
+}
+
+// Scientific notation from the cut fixed text: a mantissa and an exponent.
+void Normalise(FormatText &t, size_t p, char *exponent) {
+  const size_t dot = t.find('.');
+  if (p >= 2) {
+    FormatText m;
+    m.append(t[0]);
+    m.append('.');
+    for (size_t i = 1; i < t.size(); ++i) {
+      if (i != dot) m.append(t[i]);
+    }
+    t = m;
+    std::snprintf(exponent, 8, "e+%i", int(p - 1));
+    return;
+  }
+  if (dot < t.size() && t.size() - dot - 1 > 1 && t[0] == '0') {
+    size_t k = 0;
+    while (k < t.size() && (t[k] == '0' || t[k] == '.')) ++k;
+    FormatText m;
+    m.append(t[k]);
+    if (t.size() - k > 1) {
+      m.append('.');
+      m.append(t.data() + k + 1, t.size() - k - 1);
+    }
+    t = m;
+    std::snprintf(exponent, 8, "e-%i", int(k - 1));
+    return;
+  }
+  std::memcpy(exponent, "e+0", 4);
+}
+
+void GroupThousands(FormatText &t) {
+  const size_t intDigits = t.find('.');
+  if (intDigits <= 3) return;
+  for (size_t at = intDigits - 3; at > 0; at -= 3) {
+    t.insert(at, ',');
+    if (at <= 3) break;
+  }
+}
+
+void ApplyDecimals(FormatText &t, size_t decimals, bool keepPoint) {
+  const size_t dot = t.find('.');
+  const size_t have = dot < t.size() ? t.size() - dot - 1 : 0;
+  if (have > decimals) {
+    t.truncate(dot + 1 + decimals);
+    if (!keepPoint && t[t.size() - 1] == '.') t.truncate(t.size() - 1);
+    return;
+  }
+  if (have == decimals) return;
+  if (dot == t.size()) t.append('.');
+  for (size_t i = have; i < decimals && t.ok(); ++i) t.append('0');
+}
+
+// Codes 0 to 4: general, currency, percent, scientific and fixed numbers.
+int FormatNumber(FormatText &t, double value, const CellStyle &style, int code) {
+  double a = std::fabs(value);
+  if (code == 2) a = 100 * a;
+  char exponent[8] = "";
+  if (a >= 1e15 || !(a == a)) {
+    if (code == 4) {
+      t.assign("#Precision!", 11);
+      return kOk;
+    }
+    PrintGeneral(t, a);
+    const size_t e = t.find('e');
+    if (code >= 1 && code <= 3 && e < t.size()) {
+      const size_t n = std::min<size_t>(t.size() - e, 5);
+      std::memcpy(exponent, t.data() + e, n);
+      exponent[n] = '\0';
+      t.erase(e, n);
+    }
+  } else if (a >= 1e-12) {
+    PrintFixed(t, a);
+    const size_t p = t.find('.');
+    if (p > 11)
+      t.truncate(p);
+    else
+      t.truncate(a > 1 ? 13 : 14);
+    TrimZeros(t);
+    if (code == 3) Normalise(t, p, exponent);
+  } else {
+    t.assign("0", 1);
+    if (code == 3) std::memcpy(exponent, "e+0", 4);
+  }
+  if (code != 3 && style.thousandsSep && a < 1e15) GroupThousands(t);
+  if (!t.ok()) return kFormatError;
+  if (code == 1) {
+    t.insert(0, '\\');
+    if (!t.ok()) return kFormatError;
+  }
+  if (code >= 1) {
+    ApplyDecimals(t, style.decimals, code == 3);
+    t.append(exponent, std::strlen(exponent));
+    if (code == 2) t.append('%');
+    if (!t.ok()) return kFormatError;
+  }
+  if (value < 0) {
+    if (style.negativeInParens) {
+      t.insert(0, '(');
+      t.append(')');
+    } else {
+      t.insert(0, '-');
+    }
+  }
+  return t.ok() ? kOk : kFormatError;
+}
+
+// Codes 5 to 17: dates and times of the cell value (days from 1904-01-01).
+int FormatDate(FormatText &t, double value, int code) {
+  CalDate cd{};
+  cd.serial = value >= -1401 ? value + 1462 : value + 1461;
+  caldate(&cd);
+  const int eraYear = cd.yearInCentury - jpnyear[cd.era] + (cd.yearInCentury - jpnyear[cd.era] < 0 ? 100 : 0);
+  int hour12 = cd.hour > 12 ? cd.hour - 12 : cd.hour;
+  if (cd.hour == 0) hour12 = 12;  // midnight is 12 in the morning
+  char buf[160];
+  int n = 0;
+  switch (code) {
+    case 5:
+      n = std::snprintf(buf, sizeof buf, "%02i/%02i/%02i", cd.yearInCentury, cd.month, cd.day);
+      break;
+    case 6:
+    case 7:
+      n = std::snprintf(buf, sizeof buf, "%04i\x94\x4e%i\x8c\x8e%i\x93\xfa", 1900 + cd.year, cd.month, cd.day);
+      break;
+    case 8:
+    case 9:
+      n = std::snprintf(buf, sizeof buf, "%04i\x94\x4e%i\x8c\x8e%i\x93\xfa %s", 1900 + cd.year, cd.month, cd.day,
+                        code == 8 ? JWeek[cd.weekday] : JapanWeek[cd.weekday]);
+      break;
+    case 10:
+      n = std::snprintf(buf, sizeof buf, "%s%i/%02i/%02i", BJapanYear[cd.era], eraYear, cd.month, cd.day);
+      break;
+    case 11:
+      n = std::snprintf(buf, sizeof buf, "%s%i\x94\x4e%i\x8c\x8e%i\x93\xfa", JapanYear[cd.era], eraYear, cd.month,
+                        cd.day);
+      break;
+    case 12:
+    case 13:
+      n = std::snprintf(buf, sizeof buf, "%s%i\x94\x4e%i\x8c\x8e%i\x93\xfa %s", JapanYear[cd.era], eraYear, cd.month,
+                        cd.day, code == 12 ? JWeek[cd.weekday] : JapanWeek[cd.weekday]);
+      break;
+    case 14:
+      n = std::snprintf(buf, sizeof buf, "%i:%02i%s", hour12, cd.minute, cd.ampm);
+      break;
+    case 15:
+      n = std::snprintf(buf, sizeof buf, "%i:%02i:%02i%s", hour12, cd.minute, cd.second, cd.ampm);
+      break;
+    case 16:
+      n = std::snprintf(buf, sizeof buf, "%i:%02i", cd.hour, cd.minute);
+      break;
+    default:
+      n = std::snprintf(buf, sizeof buf, "%i:%02i:%02i", cd.hour, cd.minute, cd.second);
+      break;
+  }
+  if (n < 0 || size_t(n) > kMaxFormatted) return kFormatError;
+  t.assign(buf, size_t(n));
+  return kOk;
+}
+
+// Database cells take the format their kind calls for.
+int EffectiveCode(const ConvContext *ctx, int code, uint16_t kind) {
+  if (ctx->docKind != 3) return code;
+  if ((kind == 11 || kind == 12) && code >= 5 && code <= 17) return 0;
+  if (kind == 13 && code <= 4) return 5;
+  if (kind == 14 && code <= 13) return 14;
+  return code;
+}
+}  // namespace
+
+int GetSSFormat(ConvContext *ctx, double value, uint16_t kind, uint16_t style, char *out, size_t *outLen) {
+  const CellStyle *cs = LookupCellStyle(ctx, style);
+  if (!cs) return kFormatError;
+  const bool quote = !(ctx->options->flags & KLN_FLAG_NO_QUOTE);
+  if (quote) out[(*outLen)++] = '"';
+  const int code = EffectiveCode(ctx, cs->formatCode, kind);
+  if (code > 17) return kFormatError;
+  FormatText t;
+  const int r = code >= 5 ? FormatDate(t, value, code) : FormatNumber(t, value, *cs, code);
+  if (r != kOk) return r;
+  std::memcpy(out + *outLen, t.data(), t.size());
+  *outLen += t.size();
+  if (quote) out[(*outLen)++] = '"';
+  return kOk;
+}
+
+// ==== Cell text writer ====
+//
+// The table is written row by row: cells separated by the separator, rows
+// by line feeds, empty cells before a cell standing as empty fields unless
+// blank fill is off. Nothing follows the last cell.
+
+namespace {
+constexpr int kCursorSlots = 257;
+constexpr size_t kPrefixSize = 20481;
+constexpr int kMaxLineFeeds = 20480;
+
+struct Writer {
+  ConvContext *ctx;
+  char separator;
+  bool quote;
+  bool fill;
+  uint8_t *prefix;  // kPrefixSize bytes, reused for every cell
+};
+
+bool Accepted(const ConvContext *ctx, uint16_t kind) {
+  return ctx->docKind == 2 ? kind <= 6 : (kind >= 11 && kind <= 16);
+}
+
+int Write(ConvContext *ctx, const void *text, size_t n) {
+  return comm_write(text, 1, n, ctx->outFile, ctx) < 1 ? kFormatError : kOk;
+}
+
+// The database header: the field names, then one line feed.
+int WriteFieldNames(const Writer &w) {
+  ConvContext *ctx = w.ctx;
+  int result = kOk;
+  for (int i = 0; i < ctx->dbFieldCount && result == kOk; ++i) {
+    const DbField &f = ctx->dbFields[i];
+    char open[2];
+    size_t n = 0;
+    if (i > 0) open[n++] = w.separator;
+    if (w.quote) open[n++] = '"';
+    if (n && Write(ctx, open, n) != kOk) result = kFormatError;
+    if (result == kOk && (f.nameLen == 0 || !f.name || Write(ctx, f.name, f.nameLen) != kOk)) result = kFormatError;
+    if (result == kOk && w.quote && Write(ctx, "\"", 1) != kOk) result = kFormatError;
+  }
+  if (Write(ctx, "\n", 1) != kOk) result = kFormatError;
+  return result;
+}
+
+// Writes the line feeds and separators that precede `cell`.
+int WrtSSBlank(ConvContext *ctx, const CellNode &cell, int prevColumn, int prevRow, const Writer &w) {
+  uint8_t *buf = w.prefix;
+  size_t n = 0;
+  if (prevRow >= 0 && cell.row > prevRow) {
+    const int feeds = std::min(int(cell.row) - prevRow, kMaxLineFeeds);
+    std::memset(buf, '\n', size_t(feeds));
+    n = size_t(feeds);
+  }
+  const bool sameRow = cell.row == prevRow;
+  int pos = sameRow ? prevColumn + 1 : 0;
+  if (w.fill && pos < cell.column) {
+    if (pos > 256) return kFormatError;
+    if (n + 3 <= kPrefixSize - 2) {
+      for (; pos < cell.column; ++pos) {
+        if (pos >= 257) return kFormatError;
+        if (n >= kPrefixSize - 4) break;
+        if (sameRow || pos > 0) buf[n++] = uint8_t(w.separator);
+      }
+    }
+  }
+  if (cell.column != 0 && (w.fill || sameRow)) {
+    if (n > kPrefixSize - 2) return kFormatError;
+    buf[n++] = uint8_t(w.separator);
+  }
+  if (n == 0) return kOk;
+  return Write(ctx, buf, n);
+}
+
+// Writes the cell's text, or its value formatted by its style.
+int WrtSSCellData(ConvContext *ctx, const CellNode &cell, const Writer &w) {
+  const uint16_t kind = cell.kind;
+  if (kind > 16) return kFormatError;
+  char number[kMaxFormatted + 3];
+  const char *text;
+  size_t len = 0;
+  bool hasCr;
+  if (kind == 3 || kind == 5 || kind == 6 || kind == 16) {
+    if (!cell.text) return kFormatError;
+    text = cell.text;
+    len = std::strlen(text);
+    hasCr = std::memchr(text, '\r', len) != nullptr;
+    if (w.quote || hasCr) {
+      // The cell text between quotes, its carriage returns removed.
+      VtqPtr<char> out;
+      if (!out.alloc(len + 3)) return kNoMemory;
+      size_t o = 0;
+      if (w.quote) out[o++] = '"';
+      for (size_t i = 0; i < len; ++i) {
+        if (text[i] != '\r') out[o++] = text[i];
+      }
+      if (w.quote) out[o++] = '"';
+      return o ? Write(ctx, out.get(), o) : kOk;
+    }
+    return len ? Write(ctx, text, len) : kOk;
+  }
+  if (kind <= 2 || (kind >= 11 && kind <= 15)) {
+    const int r = GetSSFormat(ctx, cell.value, kind, cell.style, number, &len);
+    if (r != kOk) return r;
+    return len ? Write(ctx, number, len) : kOk;
+  }
+  return kFormatError;  // 4, 7 to 10
+}
+}  // namespace
+
+int PutSSVtqTxt(ConvContext *ctx) {
+  VtqPtr<CellNode *> cursor;
+  VtqPtr<uint8_t> prefix;
+  if (!cursor.alloc(kCursorSlots) || !prefix.alloc(kPrefixSize)) return kNoMemory;
+  const uint32_t flags = ctx->options->flags;
+  const Writer w{ctx, (flags & KLN_FLAG_SEPARATOR) ? char(ctx->options->cellSeparator & 0xFF) : ',',
+                 !(flags & KLN_FLAG_NO_QUOTE), !(flags & KLN_FLAG_NO_FILL), prefix.get()};
+  int result = kOk;
+  if (ctx->docKind == 3 && ctx->dbFieldCount != 0) {
+    result = WriteFieldNames(w);
+    if (result != kOk) return result;
+  }
+  CellNode *walker = ctx->cells;
+  int prevRow = -1, prevColumn = -1;
+  for (int r = 0; r < ctx->rowCount && result == kOk; ++r) {
+    for (int c = 0; c < ctx->colCount && c < kCursorSlots && result == kOk; ++c) {
+      CellNode *node = cursor[size_t(c)];
+      if (!node) {
+        if (r > 0 || !walker) continue;
+        node = walker;
+      } else {
+        walker = node;
+      }
+      if (node->row == r && node->column == c) {
+        if (Accepted(ctx, node->kind) && node->present == 1) {
+          CellNode cell = *node;
+          if (ctx->docKind == 3 && c < ctx->dbFieldCount) cell.style = ctx->dbFields[c].styleNo;
+          result = WrtSSBlank(ctx, cell, prevColumn, prevRow, w);
+          if (result == kOk) result = WrtSSCellData(ctx, cell, w);
+          prevRow = node->row;
+          prevColumn = node->column;
+        }
+        CellNode *next = node->nextInColumn;
+        cursor[size_t(c)] = next && next->present ? next : nullptr;
+      } else if (node->column >= c && node->column < kCursorSlots) {
+        cursor[node->column] = node;  // parked until its row comes
+      }
+      if (r == 0 && walker && walker->nextColumn) walker = walker->nextColumn;
+    }
+  }
+  return result;
+}

@@ -20,5 +20,16 @@ const CellStyle *LookupCellStyle(const ConvContext *ctx, uint16_t styleNo);
 // Builds the cell styles from a "CELL" record (its length word first; the
 // body declares bodyLen bytes of which `held` were read).
 int GetCellStyle(ConvContext *ctx, const uint8_t *record, int32_t bodyLen, size_t held);
+// Breaks a date serial down (serial in, everything else out).
+void caldate(CalDate *cd);
+extern const char JapanYear[4][10], BJapanYear[4][10], JapanWeek[7][10], JWeek[7][10];
+extern const int16_t jpnyear[4];
+extern const int32_t jpndate[3];
+extern const int8_t monthday[12];
+
+// Appends the cell value formatted by its style to out at *outLen (room
+// for 49 bytes and two quotes); 0 or 3000.
+int GetSSFormat(ConvContext *ctx, double value, uint16_t kind, uint16_t style, char *out, size_t *outLen);
+
 // Writes the CellTable as delimited text.
 int PutSSVtqTxt(ConvContext *ctx);
