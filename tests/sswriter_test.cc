@@ -55,7 +55,10 @@ TEST(SpreadsheetText, ManyColumnsAndRows) {
   const kln::Result out = kln::RunStream(Sheet(cells), kln::Options("UTF-8", KLN_FLAG_NO_QUOTE | KLN_FLAG_NO_FILL));
   for (int r = 0; r < 130; r += 43) {
     if (r) expected += std::string(43, '\n');
-    for (int c = 0; c < 256; c += 85) expected += (c ? "," : "") + std::to_string(r + c);
+    for (int c = 0; c < 256; c += 85) {
+      if (c) expected += ',';
+      expected += std::to_string(r + c);
+    }
   }
   EXPECT_EQ(out.text, expected);
 }
