@@ -150,8 +150,79 @@ int GetVtqTxt(ConvContext *ctx) {
 
 // ==== Properties ====
 
-int GetKlnPropertyInfo(uint8_t *, ConvContext *) { return kFormatError; }
+// The header's six text records, in file order, and where each goes in
+// the caller's property record.
+namespace {
+constexpr uint16_t kPropertyHeaderFields[] = {4, 4, 10, 20, 37, 1, 8, 2, 3, 7, 36, 94, 21, 1,
+                                              15, 1, 26, 3, 7, 2, 2, 3, 21, 5, 9, 1, 1};
+constexpr size_t kTextRecordOffsets[] = {KLN_PROP_TITLE,  KLN_PROP_CLASS,   KLN_PROP_DESCRIPTION,
+                                         KLN_PROP_AUTHOR, KLN_PROP_VERSION, KLN_PROP_KEYWORDS};
+constexpr size_t kSmallestRoom = 1028;
 
-extern "C" int GetProperty(const char *, const FilterOptions *, void *, const KlnCharsetInfo *) {
-  return kFormatError;
+// Reads n bytes (zero-filled first); false when nothing came.
+bool ReadField(ConvContext *ctx, uint8_t *buf, size_t n) {
+  std::memset(buf, 0, n);
+  return n == 0 || comm_read(buf, 1, n, ctx->inFile) >= 1;
+}
+
+// Converts the text into the record at `at`; a text that cannot be
+// converted leaves the field empty.
+void StoreProperty(ConvContext *ctx, uint8_t *record, size_t at, const uint8_t *text, uint32_t len) {
+  if (CodeConv(ctx, text, len, 3) != kOk) return;
+  const size_t n = ctx->outLen < kSmallestRoom - 1 ? ctx->outLen : kSmallestRoom - 1;
+  std::memcpy(record + at, ctx->outBuf, n);
+  record[at + n] = 0;
+}
+}  // namespace
+
+int GetKlnPropertyInfo(uint8_t *record, ConvContext *ctx) {
+  VtqPtr<uint8_t> buf;
+  if (!buf.alloc(8192)) return kNoMemory;
+  for (size_t i = 0; i < sizeof kPropertyHeaderFields / sizeof kPropertyHeaderFields[0]; ++i) {
+    if (!ReadField(ctx, buf.get(), kPropertyHeaderFields[i])) return kFormatError;
+    if (i == 1 && !IsTag(buf.get(), "RVZT")) return kFormatError;
+    if (i == 14) {
+      ctx->docKind = buf[14];
+      if (ctx->docKind > 3) return kFormatError;
+    }
+  }
+  bool lastAbsent = false;
+  for (size_t at : kTextRecordOffsets) {
+    if (!ReadField(ctx, buf.get(), 4)) return kFormatError;
+    lastAbsent = Get4wc(buf.get(), ctx) == 0;
+    if (lastAbsent) continue;
+    if (!ReadField(ctx, buf.get(), 1)) return kFormatError;
+    const uint32_t len = buf[0];
+    if (len == 0) continue;
+    if (!ReadField(ctx, buf.get(), len)) return kFormatError;
+    if (len < 255) StoreProperty(ctx, record, at, buf.get(), len);  // 255 is read and left empty
+  }
+  // An absent keywords record is followed by four more bytes.
+  if (lastAbsent && !ReadField(ctx, buf.get(), 4)) return kFormatError;
+  return kOk;
+}
+
+extern "C" int GetProperty(const char *path, const FilterOptions *options, void *record,
+                           const KlnCharsetInfo *charset) {
+  if (PathTooLong(path) || !options || !record || !charset) return kFormatError;
+  ConvContext *ctx = nullptr;
+  if (initial(&ctx) != kOk) {
+    closeall(ctx);
+    return kNoMemory;
+  }
+  std::memcpy(ctx->inPath, path, std::strlen(path) + 1);
+  GetEndian(ctx);
+  ctx->flags |= kCtxPropertyMode;
+  ctx->options = options;
+  ctx->charsetInfo = charset;
+  ctx->inFile = VTQ_FileOpen(ctx->inPath, "rb");
+  if (!ctx->inFile) {
+    closeall(ctx);
+    return kFormatError;  // the record is left as it was
+  }
+  std::memset(record, 0, KLN_PROPERTY_RECORD_SIZE);
+  const int result = GetKlnPropertyInfo(static_cast<uint8_t *>(record), ctx);
+  VTQ_FileClose(ctx->inFile);
+  closeall(ctx);
+  return result;
 }
