@@ -37,17 +37,11 @@ constexpr uint32_t kSectionMax = 8191;
 constexpr int kMaxStyleRecords = 257;
 constexpr size_t kRecordTag = 12;
 
-// Reads 4 bytes into b; false when nothing came.
-bool Read4(ConvContext *ctx, uint8_t *b) {
-  std::memset(b, 0, 4);
-  return comm_read(b, 1, 4, ctx->inFile) >= 1;
-}
-
 // A u32 length and, when it lies in [min, 8191], the body of that length
 // less `counted` (bytes of the length word the length counts).
 int SkipSection(ConvContext *ctx, VtqBuffer &buf, uint32_t min, uint32_t counted) {
   uint8_t b[4];
-  if (!Read4(ctx, b)) return kFormatError;
+  if (!ReadWord(ctx, b)) return kFormatError;
   const uint32_t len = Get4wc(b, ctx);
   if (len < min || len > kSectionMax) return kOk;
   return ReadGrowing(ctx, buf, 0, len - counted) < 1 ? kFormatError : kOk;
@@ -55,7 +49,7 @@ int SkipSection(ConvContext *ctx, VtqBuffer &buf, uint32_t min, uint32_t counted
 
 int ExpectKey(ConvContext *ctx, const char *key) {
   uint8_t b[4];
-  return Read4(ctx, b) && IsTag(b, key) ? kOk : kFormatError;
+  return ReadWord(ctx, b) && IsTag(b, key) ? kOk : kFormatError;
 }
 
 // Walks FNTM, CUTS, DSUM and HDNI to the key of the next table; passes
@@ -70,9 +64,9 @@ int FindStyleTable(ConvContext *ctx, VtqBuffer &buf) {
   if (r == kOk) r = SkipSection(ctx, buf, 5, 4);  // the HDNI length counts itself
   if (r != kOk) return r;
   uint8_t key[4];
-  if (!Read4(ctx, key)) return kFormatError;
+  if (!ReadWord(ctx, key)) return kFormatError;
   for (int section = 0; section < 2 && !IsTag(key, "STYL"); ++section) {
-    if (!Read4(ctx, key)) return kFormatError;
+    if (!ReadWord(ctx, key)) return kFormatError;
     const uint32_t len = Get4wc(key, ctx);
     if (len >= 1 && len <= kSectionMax) {
       const long got = ReadGrowing(ctx, buf, 0, len);
@@ -93,7 +87,7 @@ int GetStyleInfo(ConvContext *ctx) {
   if (r != kOk) return r;
   for (int n = 0; n < kMaxStyleRecords; ++n) {
     uint8_t *rec = buf.data();
-    if (!Read4(ctx, rec)) return kFormatError;
+    if (!ReadWord(ctx, rec)) return kFormatError;
     const uint32_t l = Get4wc(rec, ctx);
     if (l == 0) return kFormatError;
     const long got = ReadGrowing(ctx, buf, 4, l);

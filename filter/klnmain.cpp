@@ -334,6 +334,20 @@ int GetGlobalInfo(ConvContext *ctx) {
 
 // ==== Data-set walk and navigation ====
 
+bool ReadWord(ConvContext *ctx, uint8_t *b) {
+  std::memset(b, 0, 4);
+  return comm_read(b, 1, 4, ctx->inFile) >= 1;
+}
+
+int ReadBlockHead(ConvContext *ctx, uint8_t *head) {
+  if (!ReadWord(ctx, head)) return kFormatError;
+  if (IsTag(head, "DSET")) {
+    ctx->dsetSeen += 1;
+    return kNextDset;
+  }
+  return IsTag(head, "FNTM") ? kFntmRead : kOk;
+}
+
 long ReadGrowing(ConvContext *ctx, VtqBuffer &buf, size_t at, uint32_t len) {
   constexpr uint32_t kPiece = 1u << 16;
   size_t got = 0;
@@ -351,12 +365,6 @@ long ReadGrowing(ConvContext *ctx, VtqBuffer &buf, size_t at, uint32_t len) {
 namespace {
 constexpr size_t kRecordBufferSize = 8192;
 constexpr size_t kRecordKind = 16, kRecordVariant = 14, kRecordSeq = 18;
-
-// Reads 4 bytes (zero-filled first); false when nothing came.
-bool ReadTag(ConvContext *ctx, uint8_t *b) {
-  std::memset(b, 0, 4);
-  return comm_read(b, 1, 4, ctx->inFile) >= 1;
-}
 
 bool WpReadInDatabase(uint8_t variant) { return variant == 0x20 || variant == 0x40 || variant == 0x60; }
 
@@ -385,7 +393,7 @@ int DispatchDataSet(ConvContext *ctx, const ByteView &rec) {
 int WalkDataSets(ConvContext *ctx, VtqBuffer &rec) {
   for (int32_t handled = 0; handled < ctx->dsetCount;) {
     uint8_t len[4];
-    if (!ReadTag(ctx, len)) return kFormatError;
+    if (!ReadWord(ctx, len)) return kFormatError;
     const int32_t l = static_cast<int32_t>(Get4wc(len, ctx));
     if (l <= 15) return kFormatError;
     std::memcpy(rec.data(), len, 4);
@@ -411,7 +419,7 @@ int GetDSetInfo(ConvContext *ctx) {
   uint8_t b[4] = {0, 0, 0, 0};
   int status = comm_read(b, 1, 2, ctx->inFile) < 1 ? kFormatError : kOk;
   ctx->dsetCount = static_cast<int32_t>(Get2wc(b, ctx));
-  if (!ReadTag(ctx, b))
+  if (!ReadWord(ctx, b))
     status = kFormatError;
   else if (!IsTag(b, "DSET"))
     status = FindDSET(ctx);
@@ -441,12 +449,8 @@ int FindDSET(ConvContext *ctx) {
 int SkipCurDSET(ConvContext *ctx) {
   uint8_t b[4];
   for (;;) {
-    if (!ReadTag(ctx, b)) return kFormatError;
-    if (IsTag(b, "DSET")) {
-      ctx->dsetSeen += 1;
-      return kNextDset;
-    }
-    if (IsTag(b, "FNTM")) return kFntmRead;
+    const int head = ReadBlockHead(ctx, b);
+    if (head != kOk) return head;
     const int32_t n = static_cast<int32_t>(Get4wc(b, ctx));
     if (n <= 0) continue;  // an empty or negative length is passed over
     const int r = ReadFilePass(n, ctx);
@@ -456,7 +460,7 @@ int SkipCurDSET(ConvContext *ctx) {
 
 int SkipCurBuff(ConvContext *ctx) {
   uint8_t b[4];
-  if (!ReadTag(ctx, b) || IsTag(b, "DSET")) return kFormatError;
+  if (!ReadWord(ctx, b) || IsTag(b, "DSET")) return kFormatError;
   const int32_t n = static_cast<int32_t>(Get4wc(b, ctx));
   if (n == 0) return kOk;
   return ReadFilePass(n, ctx) != kOk ? kFormatError : kOk;

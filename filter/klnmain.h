@@ -254,6 +254,14 @@ int SkipCurDSET(ConvContext *ctx);
 int SkipCurBuff(ConvContext *ctx);
 int ReadFilePass(int32_t n, ConvContext *ctx);
 
+// Reads 4 bytes into b, zero-filled first; false when nothing came.
+bool ReadWord(ConvContext *ctx, uint8_t *b);
+
+// Reads the 4 bytes that open the next item of a data set into head:
+// answers 0 when they are a block length, 0x9700 when they are "DSET"
+// (counted in dsetSeen), 0x9800 for "FNTM", 3000 when nothing came.
+int ReadBlockHead(ConvContext *ctx, uint8_t *head);
+
 // Reads up to len bytes into buf at offset `at`, growing buf as the bytes
 // arrive, so that a length word larger than the file costs no more memory
 // than the file holds. Answers the number of bytes read (0 when none came),

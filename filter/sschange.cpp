@@ -113,13 +113,8 @@ int GetSsDSET(ConvContext *ctx) {
   if (!buf.alloc(kSsBufferSize + 1)) return kNoMemory;
   for (int k = 1;; ++k) {
     uint8_t *head = buf.data();
-    std::memset(head, 0, 4);
-    if (comm_read(head, 1, 4, ctx->inFile) < 1) return kFormatError;
-    if (IsTag(head, "DSET")) {
-      ctx->dsetSeen += 1;
-      return kNextDset;
-    }
-    if (IsTag(head, "FNTM")) return kFntmRead;
+    const int tag = ReadBlockHead(ctx, head);
+    if (tag != kOk) return tag;
     uint32_t length = Get4wc(head, ctx);
     // The cell-table buffer's length counts its own four bytes.
     if (k == kCellTableBuffer && length > 4) length -= 4;

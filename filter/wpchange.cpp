@@ -156,8 +156,8 @@ int wpGetTxtBlock(VtqBuffer &readBuffer, size_t indexSize, ConvContext *ctx, con
   for (uint32_t k = 0; k < count; ++k) {
     const TextBlockDesc d = k < held ? desc[k] : TextBlockDesc{0, 0};
     if (d.position < 0 || d.position < total) return kFormatError;
-    uint8_t len[4] = {0, 0, 0, 0};
-    if (comm_read(len, 1, 4, ctx->inFile) < 1) return kFormatError;
+    uint8_t len[4];
+    if (!ReadWord(ctx, len)) return kFormatError;
     const int32_t n = static_cast<int32_t>(Get4wc(len, ctx));
     if (d.length <= 0 || n != d.length) return kFormatError;
 
@@ -203,13 +203,8 @@ int GetWpRtfDSET(ConvContext *ctx) {
   InlineTexts inl;
   for (int block = 1; block <= kMaxBlocks; ++block) {
     uint8_t *head = readBuffer.data();
-    std::memset(head, 0, 4);
-    if (comm_read(head, 1, 4, ctx->inFile) < 1) return kFormatError;
-    if (IsTag(head, "DSET")) {
-      ctx->dsetSeen += 1;
-      return kNextDset;
-    }
-    if (IsTag(head, "FNTM")) return kFntmRead;
+    const int tag = ReadBlockHead(ctx, head);
+    if (tag != kOk) return tag;
     const int32_t l = static_cast<int32_t>(Get4wc(head, ctx));
     long got = 0;
     if (l > 0) {
