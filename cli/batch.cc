@@ -1,0 +1,210 @@
+// Several documents into a folder. Each document is converted in a worker
+// process of its own, so that one that crashes the filter or never ends
+// costs only itself: the parent keeps up to -j workers running, kills a
+// worker after --timeout, and tells how every document ended.
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <set>
+#include <string_view>
+#include <thread>
+
+#include "kln2txt.h"
+
+namespace kln2txt {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// A worker ends with this status plus its Outcome; anything else means it
+// did not get to the end of its document.
+constexpr int kWorkerExitBase = 64;
+
+struct Job {
+  std::string input, output;
+};
+
+struct Worker {
+  pid_t pid;
+  size_t job;
+  Clock::time_point started;
+  bool killed = false;  // for running past --timeout
+};
+
+std::string BaseName(const std::string &path) {
+  const size_t slash = path.find_last_of('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// The file name without its extension: "letter.kln" -> "letter".
+std::string Stem(const std::string &path) {
+  const std::string base = BaseName(path);
+  const size_t dot = base.find_last_of('.');
+  return dot == std::string::npos || dot == 0 ? base : base.substr(0, dot);
+}
+
+// DIR/NAME.ext for every input; a name met before becomes NAME-2, NAME-3, …
+std::vector<Job> PlanJobs(const Settings &s) {
+  const char *ext = s.json ? ".json" : ".txt";
+  std::set<std::string> taken;
+  std::vector<Job> jobs;
+  for (const std::string &input : s.files) {
+    const std::string stem = Stem(input);
+    std::string name = stem + ext;
+    for (unsigned n = 2; !taken.insert(name).second; ++n) name = stem + "-" + std::to_string(n) + ext;
+    jobs.push_back({input, s.outDir + "/" + name});
+  }
+  return jobs;
+}
+
+// The test-only switch KLN2TXT_TEST_FAULT=crash:NAME or hang:NAME makes the
+// worker for the file whose base name is NAME crash or hang, so that the
+// isolation of the workers can be tested.
+void InjectTestFault(const std::string &input) {
+  const char *fault = std::getenv("KLN2TXT_TEST_FAULT");
+  if (!fault) return;
+  const std::string_view f(fault);
+  const size_t colon = f.find(':');
+  if (colon == std::string_view::npos || f.substr(colon + 1) != BaseName(input)) return;
+  if (f.substr(0, colon) == "crash") {
+    signal(SIGSEGV, SIG_DFL);  // past any sanitizer's handler
+    raise(SIGSEGV);
+  } else if (f.substr(0, colon) == "hang") {
+    for (;;) pause();
+  }
+}
+
+[[noreturn]] void RunWorker(const Settings &s, const Job &job) {
+  InjectTestFault(job.input);
+  int code = 0;
+  const Outcome outcome = ConvertDocument(s, job.input, job.output, code);
+  std::fflush(nullptr);
+  _exit(kWorkerExitBase + static_cast<int>(outcome));
+}
+
+// How a worker ended, from its wait status.
+Outcome WorkerOutcome(const Worker &w, int status, std::string &detail) {
+  if (w.killed) return Outcome::kTimedOut;
+  if (WIFSIGNALED(status)) {
+    detail = "signal " + std::to_string(WTERMSIG(status)) + ", " + strsignal(WTERMSIG(status));
+    return Outcome::kCrashed;
+  }
+  const int code = WIFEXITED(status) ? WEXITSTATUS(status) - kWorkerExitBase : -1;
+  if (code >= 0 && code < kOutcomeCount) return static_cast<Outcome>(code);
+  detail = "exit status " + std::to_string(WEXITSTATUS(status));
+  return Outcome::kWorkerLost;
+}
+
+// Counts of outcomes, written as the closing summary.
+class Summary {
+ public:
+  void add(Outcome o) { ++counts_[static_cast<int>(o)]; }
+  void write(size_t total) const {
+    std::string failed;
+    size_t failures = 0;
+    for (int i = 0; i < kOutcomeCount; ++i) {
+      const Outcome o = static_cast<Outcome>(i);
+      if (ExitStatusOf(o) != kExitFailed || counts_[i] == 0) continue;
+      failures += counts_[i];
+      failed += std::string(failed.empty() ? " (" : ", ") + std::to_string(counts_[i]) + " " + OutcomeText(o);
+    }
+    if (!failed.empty()) failed += ")";
+    std::fprintf(stderr, "kln2txt: %zu document%s: %zu converted, %zu without text, %zu cut at the size limit, %zu failed%s\n",
+                 total, total == 1 ? "" : "s", count(Outcome::kConverted), count(Outcome::kEmpty),
+                 count(Outcome::kCut), failures, failed.c_str());
+  }
+
+ private:
+  size_t count(Outcome o) const { return counts_[static_cast<int>(o)]; }
+  size_t counts_[kOutcomeCount] = {};
+};
+
+// The progress line on standard error, kept only when that is a terminal.
+class Progress {
+ public:
+  explicit Progress(size_t total) : total_(total), shown_(isatty(STDERR_FILENO) == 1) {}
+  void show(size_t done, const std::string &current) const {
+    if (shown_) std::fprintf(stderr, "\r\033[K[%zu/%zu] %s", done, total_, current.c_str());
+  }
+  void clear() const {
+    if (shown_) std::fputs("\r\033[K", stderr);
+  }
+
+ private:
+  size_t total_;
+  bool shown_;
+};
+
+}  // namespace
+
+int RunBatch(const Settings &s) {
+  if (mkdir(s.outDir.c_str(), 0777) != 0 && errno != EEXIST) {
+    std::fprintf(stderr, "kln2txt: %s: cannot make the output folder: %s\n", s.outDir.c_str(), std::strerror(errno));
+    return kExitFailed;
+  }
+  const std::vector<Job> jobs = PlanJobs(s);
+  const auto timeout = std::chrono::seconds(s.timeoutSeconds);
+  std::vector<Worker> running;
+  Summary summary;
+  Progress progress(jobs.size());
+  int status = kExitOk;
+  size_t next = 0, done = 0;
+
+  const auto finish = [&](Outcome outcome, size_t job, const std::string &detail) {
+    ++done;
+    // A worker that did not finish leaves no half-written output behind.
+    if (outcome == Outcome::kCrashed || outcome == Outcome::kTimedOut || outcome == Outcome::kWorkerLost)
+      unlink(jobs[job].output.c_str());
+    progress.clear();
+    Report(jobs[job].input, outcome, detail);
+    summary.add(outcome);
+    status = GravestStatus(status, ExitStatusOf(outcome));
+  };
+
+  while (next < jobs.size() || !running.empty()) {
+    const size_t started = next;
+    while (running.size() < s.jobs && next < jobs.size()) {
+      std::fflush(nullptr);  // nothing buffered may be written twice
+      const pid_t pid = fork();
+      if (pid == 0) RunWorker(s, jobs[next]);
+      if (pid < 0)
+        finish(Outcome::kWorkerLost, next, std::string("cannot start a worker: ") + std::strerror(errno));
+      else
+        running.push_back({pid, next, Clock::now()});
+      ++next;
+    }
+    bool reaped = false;
+    for (auto w = running.begin(); w != running.end();) {
+      int wstatus = 0;
+      if (waitpid(w->pid, &wstatus, WNOHANG) == w->pid) {
+        std::string detail;
+        const Outcome outcome = WorkerOutcome(*w, wstatus, detail);
+        if (outcome == Outcome::kTimedOut) detail = "after " + std::to_string(s.timeoutSeconds) + " s";
+        finish(outcome, w->job, detail);
+        w = running.erase(w);
+        reaped = true;
+        continue;
+      }
+      if (s.timeoutSeconds && !w->killed && Clock::now() - w->started > timeout) {
+        kill(w->pid, SIGKILL);
+        w->killed = true;
+      }
+      ++w;
+    }
+    if ((reaped || next != started) && !running.empty())
+      progress.show(done, BaseName(jobs[running.front().job].input));
+    if (!reaped) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  progress.clear();
+  summary.write(jobs.size());
+  return status;
+}
+
+}  // namespace kln2txt

@@ -1,0 +1,87 @@
+// kln2txt: the command-line host of the filter. It loads the filter the way
+// a conversion runtime does, through the public header and the runtime's
+// stream API, and turns KLN documents into text for people and scripts.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "vtq_txkln.h"
+
+namespace kln2txt {
+
+// Exit statuses, documented in --help and the README.
+enum ExitStatus : int { kExitOk = 0, kExitFailed = 1, kExitUsage = 2, kExitCut = 3 };
+
+// What the tool ran, from the command line.
+struct Settings {
+  FilterOptions filter{};    // output set, flag bits, size limit, separator
+  KlnCharsetInfo charset{};  // the documents' character set
+  std::string output;        // -o: file mode into this path
+  std::string outDir;        // --out-dir: batch mode
+  unsigned jobs = 1;         // -j: batch workers
+  unsigned timeoutSeconds = 60;
+  bool properties = false;   // --properties instead of the text
+  bool json = false;         // one JSON object per document
+  std::vector<std::string> files;
+};
+
+// Parses argv into settings. Answers kExitOk to go on, or the status to end
+// with at once (--help and --version: kExitOk with `done` set; a mistake:
+// kExitUsage after a message on standard error).
+int ParseCommandLine(int argc, char **argv, Settings &settings, bool &done);
+
+// How one document ended, as people and the summary name it.
+enum class Outcome : uint8_t {
+  kConverted,
+  kEmpty,        // 3003: a valid document without text
+  kCut,          // 3005: output cut at the size limit
+  kNotKln,       // 3000 and the header cannot be read
+  kDamaged,      // 3000 with a readable header
+  kNoMemory,     // 12
+  kCannotOpen,   // 22
+  kTextBlock,    // 25
+  kOleRefused,   // 3004
+  kOleFailed,    // 4001
+  kPathTooLong,  // a path the filter cannot take
+  kUnknownCode,  // a result code this tool does not know
+  kCrashed,      // batch: the worker died of a signal
+  kTimedOut,     // batch: the worker was killed after --timeout
+  kWorkerLost,   // batch: the worker ended in an unexpected way
+};
+constexpr int kOutcomeCount = static_cast<int>(Outcome::kWorkerLost) + 1;
+
+// The outcome of result code `code`; headerReadable tells 3000 apart.
+Outcome OutcomeOf(int code, bool headerReadable);
+// A short name for summaries ("not a KLN document") and a hint, if any.
+const char *OutcomeText(Outcome outcome);
+int ExitStatusOf(Outcome outcome);
+// The more serious of two exit statuses: failed > cut > success.
+int GravestStatus(int a, int b);
+// Writes "kln2txt: FILE: TEXT[ (detail)]" to standard error, for every
+// outcome but kConverted.
+void Report(const std::string &file, Outcome outcome, const std::string &detail = {});
+
+// The six properties of the header in record order.
+struct Property {
+  const char *name;
+  size_t offset;
+};
+extern const Property kProperties[6];
+
+// Converts one document as the settings ask. outPath empty: the result goes
+// to standard output (stream mode); otherwise into that file (file mode for
+// the text). Answers the outcome; code is the filter's result code.
+Outcome ConvertDocument(const Settings &settings, const std::string &input, const std::string &outPath,
+                        int &code);
+
+// Converts settings.files into settings.outDir with worker processes.
+// Answers the exit status.
+int RunBatch(const Settings &settings);
+
+// s as a JSON string with its quotes; bytes that are not UTF-8 become U+FFFD.
+std::string JsonString(const std::string &s);
+
+}  // namespace kln2txt
