@@ -1,0 +1,205 @@
+// kln2txt end to end: outputs, messages and exit statuses, the batch runner
+// with a crashing and a hanging worker; and the JSON string writer.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <fstream>
+
+#include "kln2txt.h"
+#include "test_support.h"
+
+namespace {
+
+struct Ran {
+  int status = -1;
+  std::string out, err;
+};
+
+// Runs kln2txt with `args` (shell words) in dir, standard input from
+// `input` when given.
+Ran RunIn(const kln::TempDir &dir, const std::string &args, const std::string &env = {},
+          const std::string &input = "/dev/null") {
+  const std::string cmd = "cd '" + dir.path() + "' && " + env + " '" KLN2TXT_PATH "' " + args + " <" + input +
+                          " >stdout.bin 2>stderr.txt";
+  const int w = std::system(cmd.c_str());
+  Ran r;
+  r.status = WIFEXITED(w) ? WEXITSTATUS(w) : -1;
+  r.out = kln::ReadAll(dir.file("stdout.bin"));
+  r.err = kln::ReadAll(dir.file("stderr.txt"));
+  return r;
+}
+
+const std::string kSamples = KLN_SAMPLES_DIR;
+
+// Documents of every outcome in a test folder: the two samples, one without
+// text, one that is no KLN document, one that cannot be opened.
+class Kln2txtTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    kln::WriteFile(dir.file("letter.kln"), Load(kSamples + "/letter.kln"));
+    kln::WriteFile(dir.file("budget.kln"), Load(kSamples + "/budget.kln"));
+    kln::Header header;
+    header.title = "empty";
+    kln::Document empty;
+    empty.header = header;
+    kln::WriteFile(dir.file("empty.kln"), empty.build());
+    std::ofstream(dir.file("notes.kln")) << "shopping list: milk, eggs\n";
+  }
+  static kln::Bytes Load(const std::string &path) {
+    const std::string s = kln::ReadAll(path);
+    return {s.begin(), s.end()};
+  }
+  Ran Tool(const std::string &args, const std::string &env = {}, const std::string &input = "/dev/null") {
+    return RunIn(dir, args, env, input);
+  }
+  kln::TempDir dir;
+};
+
+constexpr char kLetterStart[] = "株式会社ロンドン商事\n山田太郎様\n\n拝啓";
+
+TEST_F(Kln2txtTest, TextToStandardOutputIntoAFileAndFromStandardInput) {
+  const Ran out = Tool("letter.kln");
+  EXPECT_EQ(out.status, 0);
+  EXPECT_EQ(out.err, "");
+  EXPECT_EQ(out.out.rfind(kLetterStart, 0), 0u) << out.out;
+  EXPECT_NE(out.out.find("Dear Mr. Brown,\n"), std::string::npos);
+
+  EXPECT_EQ(Tool("-o letter.txt letter.kln").status, 0);
+  EXPECT_EQ(kln::ReadAll(dir.file("letter.txt")), out.out);
+
+  const Ran in = Tool("-", "", "letter.kln");
+  EXPECT_EQ(in.status, 0);
+  EXPECT_EQ(in.out, out.out);
+}
+
+TEST_F(Kln2txtTest, OptionsReachTheFilter) {
+  const Ran tab = Tool("--tab --no-quote --line-ends crlf budget.kln");
+  EXPECT_EQ(tab.out.rfind("費目\t予算\t実績\t差額\t達成率\r\n家賃\t\\360,000\t", 0), 0u) << tab.out;
+  const Ran sjis = Tool("-e WINDOWS-31J --bom letter.kln");  // no BOM outside UTF-8
+  EXPECT_EQ(sjis.out.rfind("\x8a\x94\x8e\xae", 0), 0u);
+  EXPECT_EQ(Tool("--bom letter.kln").out.rfind("\xEF\xBB\xBF" "株式会社", 0), 0u);
+}
+
+TEST_F(Kln2txtTest, PropertiesAsNameValueLines) {
+  const Ran r = Tool("--properties letter.kln");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out,
+            "title: 新年のご挨拶 / New Year greetings\nauthor: 佐藤 花子\nkeywords: 挨拶状, letter, 2019\n"
+            "description: 取引先への年始の挨拶 (a greeting to a business partner)\nclass: correspondence\n"
+            "version: 1.0\n");
+}
+
+TEST_F(Kln2txtTest, JsonHoldsPropertiesTextAndOutcome) {
+  // -e does not apply: JSON is always UTF-8.
+  const Ran r = Tool("--json -e ISO-8859-1 empty.kln notes.kln budget.kln");
+  EXPECT_EQ(r.status, 1);
+  const std::string budget =
+      "{\"file\":\"budget.kln\",\"properties\":{\"title\":\"2018年度 第1四半期 予算\",\"author\":\"経理部 鈴木\","
+      "\"keywords\":\"予算, budget, Q1\",\"description\":\"事務所経費の予算と実績 (office expenses, budget and "
+      "actual)\",\"class\":\"finance\",\"version\":\"3\"},\"text\":\"\\\"費目\\\",\\\"予算\\\",\\\"実績\\\","
+      "\\\"差額\\\",\\\"達成率\\\"\\n\\\"家賃\\\",\\\"\\\\360,000\\\",";
+  EXPECT_EQ(r.out.substr(0, r.out.find(budget)),
+            "{\"file\":\"empty.kln\",\"properties\":{\"title\":\"empty\",\"author\":\"\",\"keywords\":\"\","
+            "\"description\":\"\",\"class\":\"\",\"version\":\"\"},\"text\":\"\",\"result\":3003,"
+            "\"message\":\"no text in document\"}\n"
+            "{\"file\":\"notes.kln\",\"properties\":null,\"text\":\"\",\"result\":3000,"
+            "\"message\":\"not a KLN document\"}\n");
+  const std::string end = "\\\"FALSE\\\"\",\"result\":0,\"message\":\"converted\"}\n";
+  EXPECT_EQ(r.out.substr(r.out.size() - end.size()), end);
+}
+
+// Every outcome of a single document: its exit status and its message.
+TEST_F(Kln2txtTest, ExitStatusesAndMessages) {
+  const struct {
+    const char *args;
+    int status;
+    const char *message;  // on standard error; empty: nothing
+  } cases[] = {
+      {"letter.kln budget.kln", 0, ""},
+      {"empty.kln", 0, "kln2txt: empty.kln: no text in document\n"},
+      {"notes.kln", 1, "kln2txt: notes.kln: not a KLN document\n"},
+      {"missing.kln", 1, "kln2txt: missing.kln: cannot open the input, the output or the log\n"},
+      {"--max-bytes 20 letter.kln", 3, "kln2txt: letter.kln: output cut at the size limit\n"},
+      {"--max-bytes 20 notes.kln letter.kln", 1, "not a KLN document"},  // the gravest status
+      {"-o nowhere/x.txt letter.kln", 1, "cannot open the input, the output or the log"},
+      {"--bogus letter.kln", 2, "kln2txt: unknown option '--bogus'\n"},
+      {"-o a.txt letter.kln budget.kln", 2, "-o takes one FILE"},
+      {"--line-ends dos letter.kln", 2, "--line-ends is keep, lf, crlf, cr or space, not 'dos'"},
+      {"-j 2 letter.kln", 2, "-j and --timeout go with --out-dir"},
+      {"", 2, "no FILE given"},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.args);
+    const Ran r = Tool(c.args);
+    EXPECT_EQ(r.status, c.status);
+    if (!*c.message) {
+      EXPECT_EQ(r.err, "");
+    }
+    EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+  }
+  EXPECT_EQ(Tool("--help").status, 0);
+  EXPECT_EQ(Tool("--version").out, "kln2txt 5.0.0\n");
+}
+
+TEST_F(Kln2txtTest, FileModeRemovesTheOutputOfADocumentWithoutText) {
+  EXPECT_EQ(Tool("-o empty.txt empty.kln").status, 0);
+  EXPECT_EQ(kln::ReadAll(dir.file("empty.txt")), "");
+  EXPECT_NE(access(dir.file("empty.txt").c_str(), F_OK), 0);
+}
+
+// A batch in which one worker crashes and one hangs: both cost only
+// themselves, and the names that clash get a suffix.
+TEST_F(Kln2txtTest, BatchSurvivesACrashingAndAHangingDocument) {
+  ASSERT_EQ(system(("mkdir '" + dir.file("more") + "' && cp '" + dir.file("letter.kln") + "' '" +
+                    dir.file("more/letter.kln") + "' && cp '" + dir.file("letter.kln") + "' '" +
+                    dir.file("crash.kln") + "' && cp '" + dir.file("letter.kln") + "' '" + dir.file("hang.kln") + "'")
+                       .c_str()),
+            0);
+  const std::string files = "letter.kln budget.kln more/letter.kln empty.kln notes.kln crash.kln hang.kln";
+  const Ran r = Tool("--out-dir out -j 3 --timeout 1 " + files, "KLN2TXT_TEST_FAULT=crash:crash.kln");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(kln::ReadAll(dir.file("out/letter.txt")).rfind(kLetterStart, 0), 0u);
+  EXPECT_EQ(kln::ReadAll(dir.file("out/letter-2.txt")), kln::ReadAll(dir.file("out/letter.txt")));
+  EXPECT_NE(kln::ReadAll(dir.file("out/budget.txt")), "");
+  EXPECT_NE(r.err.find("kln2txt: crash.kln: crashed (signal 11"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("kln2txt: empty.kln: no text in document\n"), std::string::npos);
+  EXPECT_NE(r.err.find("kln2txt: notes.kln: not a KLN document\n"), std::string::npos);
+  EXPECT_NE(r.err.find("kln2txt: 7 documents: 4 converted, 1 without text, 0 cut at the size limit, 2 failed "
+                       "(1 not a KLN document, 1 crashed)\n"),
+            std::string::npos)
+      << r.err;
+  EXPECT_EQ(r.out, "");
+
+  const Ran hung = Tool("--out-dir out --timeout 1 letter.kln hang.kln", "KLN2TXT_TEST_FAULT=hang:hang.kln");
+  EXPECT_EQ(hung.status, 1);
+  EXPECT_NE(hung.err.find("kln2txt: hang.kln: timed out (after 1 s)\n"), std::string::npos) << hung.err;
+  EXPECT_NE(access(dir.file("out/hang.txt").c_str(), F_OK), 0);
+}
+
+TEST_F(Kln2txtTest, BatchStatusIsTheGravestOfItsDocuments) {
+  EXPECT_EQ(Tool("--out-dir out letter.kln empty.kln").status, 0);
+  EXPECT_EQ(Tool("--out-dir out --max-bytes 20 letter.kln empty.kln").status, 3);
+  EXPECT_EQ(Tool("--out-dir out --max-bytes 20 letter.kln notes.kln").status, 1);
+  EXPECT_EQ(Tool("--json --out-dir js letter.kln").status, 0);
+  EXPECT_EQ(kln::ReadAll(dir.file("js/letter.json")).rfind("{\"file\":\"letter.kln\",\"properties\":{", 0), 0u);
+}
+
+TEST(JsonString, EscapesAndKeepsOnlyWellFormedUtf8) {
+  const struct {
+    std::string in, out;
+  } cases[] = {
+      {"plain", "\"plain\""},
+      {"a\"b\\c", "\"a\\\"b\\\\c\""},
+      {"\n\r\t\x01\x1f", "\"\\n\\r\\t\\u0001\\u001f\""},
+      {"日本 é 😀", "\"日本 é 😀\""},
+      {"a\x80z", "\"a\xEF\xBF\xBDz\""},              // stray continuation byte
+      {"\xC0\xAF", "\"\xEF\xBF\xBD\xEF\xBF\xBD\""},  // overlong '/'
+      {"\xED\xA0\x80", "\"\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\""},  // a surrogate
+      {"\xE6\x97", "\"\xEF\xBF\xBD\xEF\xBF\xBD\""},  // cut short
+      {std::string("a\0b", 3), "\"a\\u0000b\""},
+  };
+  for (const auto &c : cases) EXPECT_EQ(kln2txt::JsonString(c.in), c.out) << c.in;
+}
+
+}  // namespace
