@@ -1,0 +1,34 @@
+/* A tiny host program built against the installed package: prints the
+ * title and the text of the document named by its argument. */
+#include <stdio.h>
+#include <string.h>
+
+#include <vtq_stream.h>
+#include <vtq_txkln.h>
+
+static long Print(void *user, const void *data, long len) {
+  (void)user;
+  return (long)fwrite(data, 1, (size_t)len, stdout);
+}
+
+int main(int argc, char **argv) {
+  static char record[KLN_PROPERTY_RECORD_SIZE];
+  FilterOptions options;
+  KlnCharsetInfo charset;
+  VTQ_STREAM *stream;
+  int code;
+  if (argc != 2) return 2;
+  memset(&options, 0, sizeof options);
+  memset(&charset, 0, sizeof charset);
+  strcpy(options.outCharset, "UTF-8");
+  options.flags = KLN_FLAG_LINE_LF;
+  charset.charsetCode = KLN_CHARSET_WINDOWS31J;
+
+  code = GetProperty(argv[1], &options, record, &charset);
+  if (code != KLN_OK) return 1;
+  printf("title: %s\n", record + KLN_PROP_TITLE);
+  stream = VTQ_StreamCreate(Print, NULL);
+  code = GetTextStreamWithErrCallback(argv[1], stream, &options, &charset, NULL);
+  VTQ_StreamDestroy(stream);
+  return code == KLN_OK ? 0 : 1;
+}
