@@ -2,7 +2,7 @@
 # against the installed package twice (CMake package, pkg-config) and runs
 # it, and runs the installed kln2txt, each on a sample document.
 #   cmake -DBUILD_DIR=… -DWORK_DIR=… -DHOST_SOURCE=… -DSAMPLE=… \
-#         -DC_COMPILER=… -DC_FLAGS=… -P install_test.cmake
+#         -DC_COMPILER=… -DC_FLAGS=… -DLINK_FLAGS=… -P install_test.cmake
 cmake_minimum_required(VERSION 3.25)
 
 # Runs a command; ends the test with its output when it fails or when its
@@ -26,7 +26,7 @@ set(letter "title: 新年のご挨拶.*Dear Mr. Brown,")
 
 # find_package(vtq_txkln)
 run("" ${CMAKE_COMMAND} -S ${HOST_SOURCE} -B ${WORK_DIR}/host -DCMAKE_PREFIX_PATH=${prefix}
-    -DCMAKE_C_COMPILER=${C_COMPILER} "-DCMAKE_C_FLAGS=${C_FLAGS}" "-DCMAKE_EXE_LINKER_FLAGS=${C_FLAGS}")
+    -DCMAKE_C_COMPILER=${C_COMPILER} "-DCMAKE_C_FLAGS=${C_FLAGS}" "-DCMAKE_EXE_LINKER_FLAGS=${LINK_FLAGS}")
 run("" ${CMAKE_COMMAND} --build ${WORK_DIR}/host)
 run("${letter}" ${WORK_DIR}/host/kln_host ${SAMPLE})
 
@@ -37,7 +37,8 @@ separate_arguments(pc_flags UNIX_COMMAND "${run_output}")
 run("" ${pc} --variable=libdir vtq_txkln)
 string(STRIP "${run_output}" libdir)
 separate_arguments(c_flags UNIX_COMMAND "${C_FLAGS}")
-run("" ${C_COMPILER} ${c_flags} ${HOST_SOURCE}/host.c -o ${WORK_DIR}/host_pc ${pc_flags} -Wl,-rpath,${libdir})
+separate_arguments(link_flags UNIX_COMMAND "${LINK_FLAGS}")
+run("" ${C_COMPILER} ${c_flags} ${link_flags} ${HOST_SOURCE}/host.c -o ${WORK_DIR}/host_pc ${pc_flags} -Wl,-rpath,${libdir})
 run("${letter}" ${WORK_DIR}/host_pc ${SAMPLE})
 
 # The installed tool finds the installed libraries.
