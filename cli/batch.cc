@@ -187,6 +187,7 @@ int RunBatch(const Settings &s) {
         std::string detail;
         const Outcome outcome = WorkerOutcome(*w, wstatus, detail);
         if (outcome == Outcome::kTimedOut) detail = "after " + std::to_string(s.timeoutSeconds) + " s";
+        if (detail.empty()) detail = DetailOf(outcome, -1, s);
         finish(outcome, w->job, detail);
         w = running.erase(w);
         reaped = true;

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -85,6 +86,15 @@ bool ReadProperties(const std::string &path, const FilterOptions &options, const
   return true;
 }
 
+// The options with UTF-8 output (and no byte-order mark) in place of the
+// set the user named.
+FilterOptions InUtf8(const FilterOptions &options) {
+  FilterOptions utf8 = options;
+  std::snprintf(utf8.outCharset, sizeof utf8.outCharset, "UTF-8");
+  utf8.convOption &= ~KLN_CONV_UTF8_BOM;
+  return utf8;
+}
+
 long AppendToString(void *user, const void *data, long len) {
   static_cast<std::string *>(user)->append(static_cast<const char *>(data), static_cast<size_t>(len));
   return len;
@@ -108,24 +118,50 @@ bool CloseListing(FILE *out) {
   return std::fclose(out) == 0;
 }
 
-// --properties: "name: value" lines in the output character set.
-int WriteProperties(const std::string &path, const Settings &s, FILE *out) {
+long Discard(void *, const void *, long len) { return len; }
+
+// Why the filter answered 3000 (read, format, conversion or write failure)
+// for `path`: no readable header, or a document that converts to UTF-8 but
+// not to the output set asked for, or else a document damaged further in.
+Outcome DiagnoseFormatFailure(const std::string &path, const Settings &s) {
+  FilterOptions utf8 = InUtf8(s.filter);
   std::vector<std::string> values;
-  if (!ReadProperties(path, s.filter, s.charset, values)) return KLN_ERR_FORMAT;
-  for (size_t i = 0; i < 6; ++i) std::fprintf(out, "%s: %s\n", kProperties[i].name, values[i].c_str());
-  return KLN_OK;
+  if (!ReadProperties(path, utf8, s.charset, values)) return Outcome::kNotKln;
+  utf8.flags &= ~(KLN_FLAG_LOG | KLN_FLAG_SIZE_LIMIT);  // the probe writes no log and reads to the end
+  if (std::strcmp(s.filter.outCharset, "UTF-8") != 0 &&
+      OutcomeOf(StreamText(path, VTQ_StreamCreate(Discard, nullptr), s, utf8)) != Outcome::kDamaged)
+    return Outcome::kNotConvertible;
+  return Outcome::kDamaged;
 }
 
-// --json: {"file", "properties", "text", "result", "message"} on one line.
-int WriteJson(const std::string &name, const std::string &path, const Settings &s, FILE *out, Outcome &outcome) {
-  FilterOptions options = s.filter;
-  std::snprintf(options.outCharset, sizeof options.outCharset, "UTF-8");
-  options.convOption &= ~KLN_CONV_UTF8_BOM;
+// --properties: "name: value" lines in the output character set. A text
+// that set cannot take leaves its field empty; kNotConvertible tells so.
+Outcome WriteProperties(const std::string &path, const Settings &s, FILE *out, int &code) {
+  std::vector<std::string> values, inUtf8;
+  if (!ReadProperties(path, s.filter, s.charset, values)) {
+    code = KLN_ERR_FORMAT;
+    return DiagnoseFormatFailure(path, s);
+  }
+  code = KLN_OK;
+  for (size_t i = 0; i < 6; ++i) std::fprintf(out, "%s: %s\n", kProperties[i].name, values[i].c_str());
+  if (std::find(values.begin(), values.end(), "") == values.end() ||
+      !ReadProperties(path, InUtf8(s.filter), s.charset, inUtf8))
+    return Outcome::kConverted;
+  for (size_t i = 0; i < 6; ++i)
+    if (values[i].empty() && !inUtf8[i].empty()) return Outcome::kNotConvertible;
+  return Outcome::kConverted;
+}
+
+// --json: {"file", "properties", "text", "result", "message"} on one line;
+// answers the result code of the text and its outcome.
+int WriteJson(const std::string &path, const std::string &name, const Settings &s, FILE *out, Outcome &outcome) {
+  const FilterOptions options = InUtf8(s.filter);
   std::vector<std::string> values;
   const bool headerReadable = ReadProperties(path, options, s.charset, values);
   std::string text;
   const int code = StreamText(path, VTQ_StreamCreate(AppendToString, &text), s, options);
-  outcome = OutcomeOf(code, headerReadable);
+  outcome = OutcomeOf(code);
+  if (outcome == Outcome::kDamaged && !headerReadable) outcome = Outcome::kNotKln;
 
   std::string json = "{\"file\":" + JsonString(name) + ",\"properties\":";
   if (headerReadable) {
@@ -142,13 +178,22 @@ int WriteJson(const std::string &name, const std::string &path, const Settings &
   return code;
 }
 
-// Whether the header of `path` can be read: tells "not a KLN document" from
-// a document that failed further in.
-bool HeaderReadable(const std::string &path, const Settings &s) {
-  FilterOptions options{};
-  std::snprintf(options.outCharset, sizeof options.outCharset, "UTF-8");
-  std::vector<std::string> values;
-  return ReadProperties(path, options, s.charset, values);
+// Writes the properties or the JSON object of `path` to outPath (or
+// standard output).
+Outcome WriteListing(const std::string &path, const std::string &name, const Settings &s,
+                     const std::string &outPath, int &code) {
+  FILE *out = OpenListing(outPath);
+  if (!out) {
+    code = KLN_ERR_OPEN;
+    return Outcome::kCannotOpen;
+  }
+  Outcome outcome = Outcome::kConverted;
+  if (s.json) {
+    code = WriteJson(path, name, s, out, outcome);
+  } else {
+    outcome = WriteProperties(path, s, out, code);
+  }
+  return CloseListing(out) ? outcome : Outcome::kWriteFailed;
 }
 
 }  // namespace
@@ -165,36 +210,19 @@ Outcome ConvertDocument(const Settings &s, const std::string &input, const std::
     }
   }
   const std::string &path = copy.path().empty() ? input : copy.path();
-  const std::string &name = input == "-" ? std::string("-") : input;
+  if (s.properties || s.json) return WriteListing(path, input, s, outPath, code);
 
-  if (s.properties || s.json) {
-    FILE *out = OpenListing(outPath);
-    if (!out) {
-      code = KLN_ERR_OPEN;
-      return Outcome::kCannotOpen;
-    }
-    Outcome outcome = Outcome::kConverted;
-    if (s.json) {
-      code = WriteJson(name, path, s, out, outcome);
-    } else {
-      code = WriteProperties(path, s, out);
-      outcome = OutcomeOf(code, false);
-    }
-    if (!CloseListing(out) && code == KLN_OK) {
-      code = KLN_ERR_FORMAT;  // a write failure, as the filter reports its own
-      outcome = Outcome::kDamaged;
-    }
-    return outcome;
-  }
-
+  bool written = true;
   if (outPath.empty()) {
     std::fflush(stdout);
     code = StreamText(path, VTQ_StreamCreateFile(stdout), s, s.filter);
-    std::fflush(stdout);
+    written = std::fflush(stdout) == 0 && !std::ferror(stdout);
   } else {
     code = GetTextWithErrCallback(path.c_str(), outPath.c_str(), &s.filter, &s.charset, nullptr);
   }
-  return OutcomeOf(code, code == KLN_ERR_FORMAT && HeaderReadable(path, s));
+  if (!written) return Outcome::kWriteFailed;
+  const Outcome outcome = OutcomeOf(code);
+  return outcome == Outcome::kDamaged ? DiagnoseFormatFailure(path, s) : outcome;
 }
 
 }  // namespace kln2txt

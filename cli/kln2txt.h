@@ -36,30 +36,36 @@ int ParseCommandLine(int argc, char **argv, Settings &settings, bool &done);
 // How one document ended, as people and the summary name it.
 enum class Outcome : uint8_t {
   kConverted,
-  kEmpty,        // 3003: a valid document without text
-  kCut,          // 3005: output cut at the size limit
-  kNotKln,       // 3000 and the header cannot be read
-  kDamaged,      // 3000 with a readable header
-  kNoMemory,     // 12
-  kCannotOpen,   // 22
-  kTextBlock,    // 25
-  kOleRefused,   // 3004
-  kOleFailed,    // 4001
-  kPathTooLong,  // a path the filter cannot take
-  kUnknownCode,  // a result code this tool does not know
-  kCrashed,      // batch: the worker died of a signal
-  kTimedOut,     // batch: the worker was killed after --timeout
-  kWorkerLost,   // batch: the worker ended in an unexpected way
+  kEmpty,           // 3003: a valid document without text
+  kCut,             // 3005: output cut at the size limit
+  kNotKln,          // 3000 and the header cannot be read
+  kDamaged,         // 3000 with a readable header
+  kNotConvertible,  // 3000, but the text converts to UTF-8
+  kNoMemory,        // 12
+  kCannotOpen,      // 22
+  kTextBlock,       // 25
+  kOleRefused,      // 3004
+  kOleFailed,       // 4001
+  kPathTooLong,     // a path the filter cannot take
+  kWriteFailed,     // standard output or the listing could not be written
+  kUnknownCode,     // a result code this tool does not know
+  kCrashed,         // batch: the worker died of a signal
+  kTimedOut,        // batch: the worker was killed after --timeout
+  kWorkerLost,      // batch: the worker ended in an unexpected way
 };
 constexpr int kOutcomeCount = static_cast<int>(Outcome::kWorkerLost) + 1;
 
-// The outcome of result code `code`; headerReadable tells 3000 apart.
-Outcome OutcomeOf(int code, bool headerReadable);
+// The outcome of result code `code`; 3000 gives kDamaged until a closer
+// look tells it apart.
+Outcome OutcomeOf(int code);
 // A short name for summaries ("not a KLN document") and a hint, if any.
 const char *OutcomeText(Outcome outcome);
 int ExitStatusOf(Outcome outcome);
 // The more serious of two exit statuses: failed > cut > success.
 int GravestStatus(int a, int b);
+// What to add to the text of an outcome: the result code this tool does
+// not know, the output set that failed, the size limit.
+std::string DetailOf(Outcome outcome, int code, const Settings &settings);
 // Writes "kln2txt: FILE: TEXT[ (detail)]" to standard error, for every
 // outcome but kConverted.
 void Report(const std::string &file, Outcome outcome, const std::string &detail = {});

@@ -15,7 +15,7 @@ int ConvertInProcess(const Settings &s) {
     if (headings) std::printf("%s==> %s <==\n", i ? "\n" : "", file.c_str());
     int code = 0;
     const Outcome outcome = ConvertDocument(s, file, s.output, code);
-    Report(file, outcome, outcome == Outcome::kUnknownCode ? "result " + std::to_string(code) : std::string());
+    Report(file, outcome, DetailOf(outcome, code, s));
     status = GravestStatus(status, ExitStatusOf(outcome));
   }
   return status;

@@ -9,28 +9,39 @@ namespace kln2txt {
 namespace {
 
 struct OutcomeInfo {
+  Outcome outcome;
   const char *text;
   int exitStatus;
 };
 
-// Indexed by Outcome.
+using enum Outcome;
 constexpr OutcomeInfo kOutcomes[kOutcomeCount] = {
-    {"converted", kExitOk},
-    {"no text in document", kExitOk},
-    {"output cut at the size limit", kExitCut},
-    {"not a KLN document", kExitFailed},
-    {"damaged document, or text that cannot be converted to the output character set", kExitFailed},
-    {"out of memory", kExitFailed},
-    {"cannot open the input, the output or the log", kExitFailed},
-    {"a text block could not be read", kExitFailed},
-    {"refused: the document holds an embedded object (--ole refuse)", kExitFailed},
-    {"an embedded object could not be converted (--ole-continue goes on without it)", kExitFailed},
-    {"path too long (at most 259 bytes)", kExitFailed},
-    {"unexpected result code", kExitFailed},
-    {"crashed", kExitFailed},
-    {"timed out", kExitFailed},
-    {"worker ended unexpectedly", kExitFailed},
+    {kConverted, "converted", kExitOk},
+    {kEmpty, "no text in document", kExitOk},
+    {kCut, "output cut at the size limit", kExitCut},
+    {kNotKln, "not a KLN document", kExitFailed},
+    {kDamaged, "damaged document: its contents cannot be read", kExitFailed},
+    {kNotConvertible, "text cannot be converted to the output character set", kExitFailed},
+    {kNoMemory, "out of memory", kExitFailed},
+    {kCannotOpen, "cannot open the input, the output or the log", kExitFailed},
+    {kTextBlock, "a text block could not be read", kExitFailed},
+    {kOleRefused, "refused: the document holds an embedded object (--ole refuse)", kExitFailed},
+    {kOleFailed, "an embedded object could not be converted (--ole-continue goes on without it)", kExitFailed},
+    {kPathTooLong, "path too long (at most 259 bytes)", kExitFailed},
+    {kWriteFailed, "cannot write the output", kExitFailed},
+    {kUnknownCode, "unexpected result code", kExitFailed},
+    {kCrashed, "crashed", kExitFailed},
+    {kTimedOut, "timed out", kExitFailed},
+    {kWorkerLost, "worker ended unexpectedly", kExitFailed},
 };
+
+// The table is indexed by Outcome.
+constexpr bool InOrder() {
+  for (int i = 0; i < kOutcomeCount; ++i)
+    if (static_cast<int>(kOutcomes[i].outcome) != i) return false;
+  return true;
+}
+static_assert(InOrder(), "kOutcomes follows the order of Outcome");
 
 // Exit statuses from the least to the most serious.
 constexpr int kSeverity[] = {kExitOk, kExitCut, kExitFailed, kExitUsage};
@@ -43,12 +54,12 @@ int SeverityRank(int status) {
 
 }  // namespace
 
-Outcome OutcomeOf(int code, bool headerReadable) {
+Outcome OutcomeOf(int code) {
   switch (code) {
     case KLN_OK: return Outcome::kConverted;
     case KLN_ERR_NO_TEXT: return Outcome::kEmpty;
     case KLN_ERR_SIZE_LIMIT: return Outcome::kCut;
-    case KLN_ERR_FORMAT: return headerReadable ? Outcome::kDamaged : Outcome::kNotKln;
+    case KLN_ERR_FORMAT: return Outcome::kDamaged;
     case KLN_ERR_NOMEM: return Outcome::kNoMemory;
     case KLN_ERR_OPEN: return Outcome::kCannotOpen;
     case KLN_ERR_TEXT_BLOCK: return Outcome::kTextBlock;
@@ -63,6 +74,16 @@ const char *OutcomeText(Outcome outcome) { return kOutcomes[static_cast<int>(out
 int ExitStatusOf(Outcome outcome) { return kOutcomes[static_cast<int>(outcome)].exitStatus; }
 
 int GravestStatus(int a, int b) { return SeverityRank(a) >= SeverityRank(b) ? a : b; }
+
+std::string DetailOf(Outcome outcome, int code, const Settings &settings) {
+  switch (outcome) {
+    case kUnknownCode:  // a batch worker hands on its outcome, not its code (-1)
+      return code < 0 ? std::string() : "result " + std::to_string(code);
+    case kNotConvertible: return settings.filter.outCharset;
+    case kCut: return std::to_string(settings.filter.sizeLimit) + " bytes";
+    default: return {};
+  }
+}
 
 void Report(const std::string &file, Outcome outcome, const std::string &detail) {
   if (outcome == Outcome::kConverted) return;

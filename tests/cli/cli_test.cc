@@ -20,8 +20,9 @@ struct Ran {
 // `input` when given.
 Ran RunIn(const kln::TempDir &dir, const std::string &args, const std::string &env = {},
           const std::string &input = "/dev/null") {
-  const std::string cmd = "cd '" + dir.path() + "' && " + env + " '" KLN2TXT_PATH "' " + args + " <" + input +
-                          " >stdout.bin 2>stderr.txt";
+  // The redirections in args come last and win.
+  const std::string cmd = "cd '" + dir.path() + "' && " + env + " '" KLN2TXT_PATH "' <" + input +
+                          " >stdout.bin 2>stderr.txt " + args;
   const int w = std::system(cmd.c_str());
   Ran r;
   r.status = WIFEXITED(w) ? WEXITSTATUS(w) : -1;
@@ -120,7 +121,12 @@ TEST_F(Kln2txtTest, ExitStatusesAndMessages) {
       {"empty.kln", 0, "kln2txt: empty.kln: no text in document\n"},
       {"notes.kln", 1, "kln2txt: notes.kln: not a KLN document\n"},
       {"missing.kln", 1, "kln2txt: missing.kln: cannot open the input, the output or the log\n"},
-      {"--max-bytes 20 letter.kln", 3, "kln2txt: letter.kln: output cut at the size limit\n"},
+      {"--max-bytes 20 letter.kln", 3, "kln2txt: letter.kln: output cut at the size limit (20 bytes)\n"},
+      {"-e NO-SUCH-SET letter.kln", 1,
+       "kln2txt: letter.kln: text cannot be converted to the output character set (NO-SUCH-SET)\n"},
+      {"--properties -e NO-SUCH-SET letter.kln", 1, "text cannot be converted to the output character set"},
+      {"letter.kln >/dev/full", 1, "kln2txt: letter.kln: cannot write the output\n"},
+      {"--json letter.kln >/dev/full", 1, "kln2txt: letter.kln: cannot write the output\n"},
       {"--max-bytes 20 notes.kln letter.kln", 1, "not a KLN document"},  // the gravest status
       {"-o nowhere/x.txt letter.kln", 1, "cannot open the input, the output or the log"},
       {"--bogus letter.kln", 2, "kln2txt: unknown option '--bogus'\n"},
@@ -140,6 +146,23 @@ TEST_F(Kln2txtTest, ExitStatusesAndMessages) {
   }
   EXPECT_EQ(Tool("--help").status, 0);
   EXPECT_EQ(Tool("--version").out, "kln2txt 5.0.0\n");
+}
+
+// The filter takes paths below 259 bytes: a longer input is read through a
+// private copy, a longer output is refused.
+TEST_F(Kln2txtTest, LongPaths) {
+  const std::string deep = std::string(120, 'd') + "/" + std::string(120, 'e');
+  ASSERT_EQ(system(("mkdir -p '" + dir.file(deep) + "' && cp '" + dir.file("letter.kln") + "' '" +
+                    dir.file(deep + "/letter.kln") + "'")
+                       .c_str()),
+            0);
+  ASSERT_GE(dir.file(deep + "/letter.kln").size(), size_t{KLN_MAX_PATH});
+  const Ran in = Tool("'" + dir.file(deep + "/letter.kln") + "'");
+  EXPECT_EQ(in.status, 0);
+  EXPECT_EQ(in.out, Tool("letter.kln").out);
+  const Ran out = Tool("-o '" + dir.file(deep + "/letter.txt") + "' letter.kln");
+  EXPECT_EQ(out.status, 1);
+  EXPECT_NE(out.err.find("path too long"), std::string::npos) << out.err;
 }
 
 TEST_F(Kln2txtTest, FileModeRemovesTheOutputOfADocumentWithoutText) {
