@@ -90,8 +90,11 @@ void InjectTestFault(const std::string &input) {
 }
 
 // How a worker ended, from its wait status.
-Outcome WorkerOutcome(const Worker &w, int status, std::string &detail) {
-  if (w.killed) return Outcome::kTimedOut;
+Outcome WorkerOutcome(const Worker &w, int status, unsigned timeoutSeconds, std::string &detail) {
+  if (w.killed) {
+    detail = "after " + std::to_string(timeoutSeconds) + " s";
+    return Outcome::kTimedOut;
+  }
   if (WIFSIGNALED(status)) {
     detail = "signal " + std::to_string(WTERMSIG(status)) + ", " + strsignal(WTERMSIG(status));
     return Outcome::kCrashed;
@@ -142,6 +145,84 @@ class Progress {
   bool shown_;
 };
 
+// Runs the jobs, at most settings.jobs at a time, and tells how each ended.
+class Batch {
+ public:
+  Batch(const Settings &s, std::vector<Job> jobs) : s_(s), jobs_(std::move(jobs)), progress_(jobs_.size()) {}
+
+  // Answers the gravest exit status of the documents.
+  int run() {
+    while (next_ < jobs_.size() || !running_.empty()) {
+      const bool started = startWorkers();
+      const bool reaped = reapWorkers();
+      if ((started || reaped) && !running_.empty())
+        progress_.show(done_, BaseName(jobs_[running_.front().job].input));
+      if (!reaped) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    progress_.clear();
+    summary_.write(jobs_.size());
+    return status_;
+  }
+
+ private:
+  bool startWorkers() {
+    const size_t first = next_;
+    for (; running_.size() < s_.jobs && next_ < jobs_.size(); ++next_) {
+      std::fflush(nullptr);  // nothing buffered may be written twice
+      const pid_t pid = fork();
+      if (pid == 0) RunWorker(s_, jobs_[next_]);
+      if (pid < 0)
+        finish(next_, Outcome::kWorkerLost, std::string("cannot start a worker: ") + std::strerror(errno));
+      else
+        running_.push_back({pid, next_, Clock::now()});
+    }
+    return next_ != first;
+  }
+
+  // Collects the workers that ended; kills those past --timeout (they are
+  // collected on a later round).
+  bool reapWorkers() {
+    bool reaped = false;
+    const auto timeout = std::chrono::seconds(s_.timeoutSeconds);
+    for (auto w = running_.begin(); w != running_.end();) {
+      int wstatus = 0;
+      if (waitpid(w->pid, &wstatus, WNOHANG) == w->pid) {
+        std::string detail;
+        const Outcome outcome = WorkerOutcome(*w, wstatus, s_.timeoutSeconds, detail);
+        finish(w->job, outcome, detail.empty() ? DetailOf(outcome, -1, s_) : detail);
+        w = running_.erase(w);
+        reaped = true;
+        continue;
+      }
+      if (s_.timeoutSeconds && !w->killed && Clock::now() - w->started > timeout) {
+        kill(w->pid, SIGKILL);
+        w->killed = true;
+      }
+      ++w;
+    }
+    return reaped;
+  }
+
+  void finish(size_t job, Outcome outcome, const std::string &detail) {
+    ++done_;
+    // A worker that did not finish leaves no half-written output behind.
+    if (outcome == Outcome::kCrashed || outcome == Outcome::kTimedOut || outcome == Outcome::kWorkerLost)
+      unlink(jobs_[job].output.c_str());
+    progress_.clear();
+    Report(jobs_[job].input, outcome, detail);
+    summary_.add(outcome);
+    status_ = GravestStatus(status_, ExitStatusOf(outcome));
+  }
+
+  const Settings &s_;
+  const std::vector<Job> jobs_;
+  std::vector<Worker> running_;
+  Summary summary_;
+  Progress progress_;
+  int status_ = kExitOk;
+  size_t next_ = 0, done_ = 0;
+};
+
 }  // namespace
 
 int RunBatch(const Settings &s) {
@@ -149,63 +230,7 @@ int RunBatch(const Settings &s) {
     std::fprintf(stderr, "kln2txt: %s: cannot make the output folder: %s\n", s.outDir.c_str(), std::strerror(errno));
     return kExitFailed;
   }
-  const std::vector<Job> jobs = PlanJobs(s);
-  const auto timeout = std::chrono::seconds(s.timeoutSeconds);
-  std::vector<Worker> running;
-  Summary summary;
-  Progress progress(jobs.size());
-  int status = kExitOk;
-  size_t next = 0, done = 0;
-
-  const auto finish = [&](Outcome outcome, size_t job, const std::string &detail) {
-    ++done;
-    // A worker that did not finish leaves no half-written output behind.
-    if (outcome == Outcome::kCrashed || outcome == Outcome::kTimedOut || outcome == Outcome::kWorkerLost)
-      unlink(jobs[job].output.c_str());
-    progress.clear();
-    Report(jobs[job].input, outcome, detail);
-    summary.add(outcome);
-    status = GravestStatus(status, ExitStatusOf(outcome));
-  };
-
-  while (next < jobs.size() || !running.empty()) {
-    const size_t started = next;
-    while (running.size() < s.jobs && next < jobs.size()) {
-      std::fflush(nullptr);  // nothing buffered may be written twice
-      const pid_t pid = fork();
-      if (pid == 0) RunWorker(s, jobs[next]);
-      if (pid < 0)
-        finish(Outcome::kWorkerLost, next, std::string("cannot start a worker: ") + std::strerror(errno));
-      else
-        running.push_back({pid, next, Clock::now()});
-      ++next;
-    }
-    bool reaped = false;
-    for (auto w = running.begin(); w != running.end();) {
-      int wstatus = 0;
-      if (waitpid(w->pid, &wstatus, WNOHANG) == w->pid) {
-        std::string detail;
-        const Outcome outcome = WorkerOutcome(*w, wstatus, detail);
-        if (outcome == Outcome::kTimedOut) detail = "after " + std::to_string(s.timeoutSeconds) + " s";
-        if (detail.empty()) detail = DetailOf(outcome, -1, s);
-        finish(outcome, w->job, detail);
-        w = running.erase(w);
-        reaped = true;
-        continue;
-      }
-      if (s.timeoutSeconds && !w->killed && Clock::now() - w->started > timeout) {
-        kill(w->pid, SIGKILL);
-        w->killed = true;
-      }
-      ++w;
-    }
-    if ((reaped || next != started) && !running.empty())
-      progress.show(done, BaseName(jobs[running.front().job].input));
-    if (!reaped) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  progress.clear();
-  summary.write(jobs.size());
-  return status;
+  return Batch(s, PlanJobs(s)).run();
 }
 
 }  // namespace kln2txt
