@@ -80,6 +80,11 @@ TEST_F(Kln2txtTest, OptionsReachTheFilter) {
   const Ran sjis = Tool("-e WINDOWS-31J --bom letter.kln");  // no BOM outside UTF-8
   EXPECT_EQ(sjis.out.rfind("\x8a\x94\x8e\xae", 0), 0u);
   EXPECT_EQ(Tool("--bom letter.kln").out.rfind("\xEF\xBB\xBF" "株式会社", 0), 0u);
+  EXPECT_EQ(Tool("--separator ';' budget.kln").out.rfind("\"費目\";\"予算\";", 0), 0u);
+  // The same bytes read as ISO-8859-1: one character each.
+  EXPECT_EQ(Tool("--latin1 letter.kln").out.rfind("\xC2\x8A\xC2\x94\xC2\x8E\xC2\xAE", 0), 0u);
+  EXPECT_EQ(Tool("--log -o letter.txt letter.kln").status, 0);
+  EXPECT_NE(kln::ReadAll(dir.file("letter.txt.KLN.log")).find("letter.kln"), std::string::npos);
 }
 
 TEST_F(Kln2txtTest, PropertiesAsNameValueLines) {
