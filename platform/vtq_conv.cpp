@@ -528,6 +528,15 @@ int cconvConvert(CconvState *st) {
   return 0;
 }
 
+uint32_t VTQ_LineEndCode(uint32_t flags) {
+  static constexpr uint32_t kBits[] = {KLN_FLAG_LINE_KEEP, KLN_FLAG_LINE_LF, KLN_FLAG_LINE_CRLF, KLN_FLAG_LINE_CR,
+                                       KLN_FLAG_LINE_SPACE};
+  for (uint32_t i = 0; i < 5; ++i) {
+    if (flags & kBits[i]) return i + 1;
+  }
+  return 1;
+}
+
 void cconvTermConvert(CconvState *st) {
   if (!st) return;
   st->encoder = nullptr;

@@ -11,6 +11,7 @@
 // are not seen by the filter allocator's failure hook.
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <gsf/gsf-infile-impl.h>
 #include <gsf/gsf-infile-msole.h>
 #include <gsf/gsf-infile.h>
 #include <gsf/gsf-input-stdio.h>
@@ -121,16 +122,6 @@ const char *TextCharset(const uint8_t *text, size_t len) {
   return "WINDOWS-1252";
 }
 
-// The line-end code of the caller's flags, as the filter's output uses it.
-uint32_t SeparatorCode(uint32_t flags) {
-  static constexpr uint32_t kBits[] = {KLN_FLAG_LINE_KEEP, KLN_FLAG_LINE_LF, KLN_FLAG_LINE_CRLF, KLN_FLAG_LINE_CR,
-                                       KLN_FLAG_LINE_SPACE};
-  for (uint32_t i = 0; i < 5; ++i) {
-    if (flags & kBits[i]) return i + 1;
-  }
-  return 1;
-}
-
 // Hands one converted piece to the output, cut at the size limit as the
 // filter's own writes are; *stopped once cut or once the output failed.
 void PutPiece(const Sink &sink, const uint8_t *out, uint32_t n, uint64_t produced, bool *stopped, bool *failed) {
@@ -157,7 +148,7 @@ int WriteConverted(const Sink &sink, const uint8_t *text, size_t len, const char
   copt.firstOutput = 0;  // the outer output has begun: no byte-order mark
   copt.word8 = 1;
   copt.word4112 = 1;
-  copt.separatorCode = SeparatorCode(opt->flags);
+  copt.separatorCode = VTQ_LineEndCode(opt->flags);
   if (std::strcmp(outName, "ISO-8859-1") == 0) copt.subst = copt.subst2 = '?';
   CconvCharsetRecord record{std::strcmp(docName, "WINDOWS31J") == 0 ? 1u : 0u, 0, 1};
   CconvState st{};
@@ -359,13 +350,30 @@ int ExtractContents(const VTQ_OLE *ole, GsfInput *in, const Sink &sink) {
   return result;
 }
 
+// The named stream of the root storage, or null when it is absent or
+// damaged. The reader's class is asked directly: the generic lookup
+// complains on standard error about a damaged stream, which is answered
+// with an error code here anyway.
+GsfInput *Child(GsfInfile *root, const char *name) {
+  const int n = gsf_infile_num_children(root);
+  for (int i = 0; i < n; ++i) {
+    const char *child = gsf_infile_name_by_index(root, i);
+    if (!child || std::strcmp(child, name) != 0) continue;
+    GError *err = nullptr;
+    GsfInput *in = GSF_INFILE_CLASS(G_OBJECT_GET_CLASS(root))->child_by_index(root, i, &err);
+    if (err) g_error_free(err);
+    return in;
+  }
+  return nullptr;
+}
+
 int ExtractOle(VTQ_OLE *ole, const Sink &sink) {
   if (!ole || !sink.options || !sink.state || (!sink.file && !sink.stream)) return kFormatError;
-  GsfInput *in = gsf_infile_child_by_name(ole->root, "\x01Ole10Native");
+  GsfInput *in = Child(ole->root, "\x01Ole10Native");
   int result;
   if (in) {
     result = ExtractPackage(ole, in, sink);
-  } else if ((in = gsf_infile_child_by_name(ole->root, "CONTENTS")) != nullptr) {
+  } else if ((in = Child(ole->root, "CONTENTS")) != nullptr) {
     result = ExtractContents(ole, in, sink);
   } else {
     return KLN_ERR_OLE_UNSUPPORTED;
@@ -373,6 +381,8 @@ int ExtractOle(VTQ_OLE *ole, const Sink &sink) {
   g_object_unref(in);
   return result;
 }
+
+void IgnoreLog(const gchar *, GLogLevelFlags, const gchar *, gpointer) {}
 
 }  // namespace
 
@@ -394,7 +404,13 @@ int VTQ_ASC_tmpnam1(const char *base, char *name260) {
 
 VTQ_OLE *VTQ_2OLEopen(const char *path) {
   static std::once_flag once;
-  std::call_once(once, [] { gsf_init(); });
+  std::call_once(once, [] {
+    gsf_init();
+    // A damaged object is answered with an error code; the compound-file
+    // reader's own complaints about it would only clutter the host's output.
+    for (const char *domain : {"libgsf", "libgsf:msole"})
+      g_log_set_handler(domain, GLogLevelFlags(G_LOG_LEVEL_WARNING | G_LOG_LEVEL_MESSAGE), IgnoreLog, nullptr);
+  });
   if (!path) return nullptr;
   GsfInput *file = gsf_input_stdio_new(path, nullptr);
   if (!file) return nullptr;
