@@ -476,14 +476,7 @@ int ReadFilePass(int32_t n, ConvContext *ctx) {
 
 // ==== Character conversion ====
 
-int GetSeparator(uint32_t flags) {
-  static constexpr uint32_t kBits[] = {KLN_FLAG_LINE_KEEP, KLN_FLAG_LINE_LF, KLN_FLAG_LINE_CRLF, KLN_FLAG_LINE_CR,
-                                       KLN_FLAG_LINE_SPACE};
-  for (int i = 0; i < 5; ++i) {
-    if (flags & kBits[i]) return i + 1;
-  }
-  return 1;
-}
+int GetSeparator(uint32_t flags) { return static_cast<int>(VTQ_LineEndCode(flags)); }
 
 int GetString_kln(char *name33, uint32_t *flag, uint32_t code) {
   *flag = 0;

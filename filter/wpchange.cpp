@@ -223,5 +223,196 @@ int GetWpRtfDSET(ConvContext *ctx) {
   return kFormatError;  // 256 blocks without a text index
 }
 
-// Drawings are not read yet: the data set is skipped by the walk.
-int GetWpGrphDSET(ConvContext *, const uint8_t *, size_t) { return kOk; }
+// ==== Drawings and their embedded OLE objects ====
+//
+// A drawing's header record lists its objects (entries of entryStride
+// bytes from offset 88: kind at byte 0, subkind at byte 2). The blocks
+// after the record are a leading block with a count n, 2n blocks the
+// reader passes over, and then the blocks of the objects in entry order:
+// a header block for each object that has blocks, one more block for a
+// framed shape, and for an embedded OLE object its bytes after a 28-byte
+// head whose first word is their length plus 24.
+
+namespace {
+constexpr size_t kObjectCountAt = 4, kEntryStrideAt = 10, kEntriesAt = 88;
+constexpr size_t kScratchSize = 8192;
+constexpr uint32_t kOleHeadSize = 28, kOleHeadUnread = 24;
+
+// How an object entry's blocks follow in the data set.
+enum Mark : uint16_t {
+  kNoBlocks = 0,
+  kOleObject = 1,       // header block, then the object's bytes
+  kHeaderAndBlock = 2,  // header block and one more block
+  kPlainShape = 3,      // no blocks of its own
+  kHeaderOnly = 4,      // header block only
+};
+
+uint16_t MarkOf(uint8_t kind, uint8_t subkind) {
+  if (kind == 8 && subkind == 5) return kOleObject;
+  if (kind == 8 && subkind == 0) return kHeaderAndBlock;
+  if (kind == 1 && subkind == 1) return kHeaderOnly;
+  if (kind == 1 && subkind == 0) return kPlainShape;
+  return kNoBlocks;
+}
+
+bool HasBlocks(uint16_t mark) { return mark == kOleObject || mark == kHeaderAndBlock || mark == kHeaderOnly; }
+
+// The leading block: a length, a count of block pairs, and the rest of the
+// block, passed over; then the pairs themselves. A failed skip of a pair
+// ends the skipping without ending the data set.
+int SkipLeadingBlocks(ConvContext *ctx, uint8_t *small) {
+  std::memset(small, 0, 6);
+  if (comm_read(small, 1, 6, ctx->inFile) < 6) return kFormatError;
+  const int32_t length = static_cast<int32_t>(Get4wc(small, ctx));
+  const int16_t pairs = static_cast<int16_t>(Get2wc(small + 4, ctx));
+  if (length <= 0) return kFormatError;
+  const int skipped = ReadFilePass(length - 2, ctx);
+  if (pairs <= 0) return kFormatError;
+  if (skipped != kOk) return skipped;
+  for (int32_t i = 0; i < 2 * int32_t(pairs); ++i) {
+    if (SkipCurBuff(ctx) != kOk) break;
+  }
+  return kOk;
+}
+
+// What a failed object means for the drawing: passed over (kOk with
+// *goOn), the end of the output (kOk), or the document's result.
+int OleFailure(ConvContext *ctx, int code, bool *goOn) {
+  const FilterOptions *opt = ctx->options;
+  const bool limitStops = (opt->flags & KLN_FLAG_OLE_LIMIT_STOPS) && (opt->flags & KLN_FLAG_SIZE_LIMIT);
+  *goOn = false;
+  if (!(opt->flags & KLN_FLAG_OLE_CONTINUE)) return limitStops && code == kSizeLimit ? kSizeLimit : kOleFailed;
+  if (limitStops) {
+    ctx->totalOut = OleStateTotal(ctx);
+    if (ctx->totalOut > opt->sizeLimit || code == kSizeLimit) {
+      ctx->writeState = kWriteStopped;
+      return kOk;
+    }
+  }
+  *goOn = true;
+  return kOk;
+}
+
+// One OLE object whose 28-byte head is next in the input.
+int ReadOleObject(ConvContext *ctx, uint8_t *scratch, bool *goOn) {
+  *goOn = true;
+  std::memset(scratch, 0, kOleHeadSize);
+  if (comm_read(scratch, 1, kOleHeadSize, ctx->inFile) < 1) return kFormatError;
+  const int32_t oleLength = static_cast<int32_t>(Get4wc(scratch, ctx));
+  if (oleLength < int32_t(kOleHeadUnread)) return kFormatError;
+  const int32_t bytes = oleLength - int32_t(kOleHeadUnread);
+  const uint32_t flags = ctx->options->flags;
+  if (ctx->writeState != 0) return kOk;  // output stopped: the object stays unread
+  if (flags & KLN_FLAG_OLE_REFUSE) return kOleRefused;
+  if (!(flags & KLN_FLAG_OLE_EXTRACT)) return ReadFilePass(bytes, ctx);
+  const int r = WrtOLEFile(scratch, kScratchSize, bytes, ctx);
+  return r == kOk ? kOk : OleFailure(ctx, r, goOn);
+}
+
+// Walks the objects' blocks until the entries are used up or the next
+// data set begins.
+int WalkObjects(ConvContext *ctx, const uint16_t *marks, uint16_t objectCount, uint8_t *scratch, uint8_t *small) {
+  size_t entry = 0;
+  for (;;) {
+    const int tag = ReadBlockHead(ctx, small);
+    if (tag == kNextDset) return ctx->dsetSeen > uint32_t(ctx->dsetCount) ? kFormatError : kNextDset;
+    if (tag != kOk && tag != kFntmRead) return tag;  // only "DSET" is a tag here
+    const int32_t headerLength = static_cast<int32_t>(Get4wc(small, ctx));
+    if (headerLength > 0) {
+      const int r = ReadFilePass(headerLength, ctx);
+      if (r != kOk) return r;
+    }
+    while (entry + 1 < objectCount && !HasBlocks(marks[entry])) ++entry;
+    if (marks[entry] == kHeaderAndBlock) {
+      const int r = SkipCurBuff(ctx);
+      if (r != kOk) return r;
+    } else if (marks[entry] == kOleObject) {
+      bool goOn;
+      const int r = ReadOleObject(ctx, scratch, &goOn);
+      if (r != kOk || !goOn) return r;
+    }
+    if (++entry >= objectCount) return kOk;
+  }
+}
+
+// A unique temporary file for one object's bytes, beside the output when
+// the caller asks for it.
+bool MakeTempName(ConvContext *ctx, char *name) {
+  if (ctx->options->tempFlags & KLN_TEMP_BESIDE_OUTPUT) return VTQ_ASC_tmpnam1(ctx->outPath, name) != 0;
+  return VTQ_ASC_tmpnam(name) != 0;
+}
+
+// Copies the next n input bytes into the file at path.
+int CopyObjectBytes(ConvContext *ctx, const char *path, uint8_t *scratch, size_t scratchSize, int32_t n) {
+  VTQ_FILE *f = VTQ_FileOpen(path, "wb");
+  if (!f) return kFormatError;
+  int result = kOk;
+  for (int32_t left = n; left > 0 && result == kOk;) {
+    const size_t part = size_t(left) < scratchSize ? size_t(left) : scratchSize;
+    if (comm_read(scratch, 1, part, ctx->inFile) != part || VTQ_FileWrite(scratch, 1, part, f) != part)
+      result = kFormatError;
+    left -= static_cast<int32_t>(part);
+  }
+  VTQ_FileClose(f);
+  return result;
+}
+
+// Lets the runtime write the text of the opened object to the output.
+int ExtractOleText(ConvContext *ctx, VTQ_OLE *ole) {
+  if (!ctx->oleState) return kFormatError;
+  SetOleStateTotal(ctx, ctx->totalOut);
+  int code;
+  if (ctx->streamMode == 1) {
+    code = VTQ_GetOleTextStreamWithErrCallback(ole, ctx->outStream, ctx->options, ctx->oleState, ctx->errCallback);
+  } else {
+    std::memcpy(ctx->oleState, ctx->outPath, kPathSize);
+    code = VTQ_GetOleTextWithErrCallback(ole, ctx->outFile, ctx->options, ctx->oleState, ctx->errCallback);
+  }
+  if (code == kOk) {
+    ctx->totalOut = OleStateTotal(ctx);
+    return kOk;
+  }
+  // A cut inside the object ends only the object unless the caller says so.
+  const uint32_t flags = ctx->options->flags;
+  if (code == kSizeLimit && (flags & KLN_FLAG_SIZE_LIMIT) && !(flags & KLN_FLAG_OLE_LIMIT_STOPS)) return kOk;
+  return code;
+}
+}  // namespace
+
+int WrtOLEFile(uint8_t *scratch, size_t scratchSize, int32_t n, ConvContext *ctx) {
+  char name[kPathSize];
+  if (!MakeTempName(ctx, name)) return kFormatError;
+  int result = CopyObjectBytes(ctx, name, scratch, scratchSize, n);
+  if (result == kOk) {
+    if (!(ctx->flags & kCtxOutputMade)) comm_write(" ", 1, 1, ctx->outFile, ctx);
+    VTQ_OLE *ole = VTQ_2OLEopen(name);
+    result = ole ? ExtractOleText(ctx, ole) : kFormatError;
+    if (ole) VTQ_2OLEclose(ole);
+  }
+  VTQ_ASC_remove(name);  // the temporary file never outlives the object
+  return result;
+}
+
+int GetWpGrphDSET(ConvContext *ctx, const uint8_t *record, size_t recordSize) {
+  VtqPtr<uint8_t> scratch, small;
+  if (!scratch.alloc(kScratchSize) || !small.alloc(10)) return kNoMemory;
+  // Entries beyond the end of a short record read as zero: no mark.
+  const ByteView rec(record, recordSize);
+  const uint16_t objectCount = rec.u16(kObjectCountAt);
+  const uint16_t stride = rec.u16(kEntryStrideAt);
+  VtqPtr<uint16_t> marks;
+  if (!marks.alloc(size_t(objectCount) + 1)) return kNoMemory;
+  if (objectCount == 0) return kOk;
+  int oleObjects = 0;
+  for (size_t i = 0; i < objectCount; ++i) {
+    const size_t at = kEntriesAt + i * stride;
+    marks[i] = MarkOf(rec.u8(at), rec.u8(at + 2));
+    oleObjects += marks[i] == kOleObject;
+  }
+  if (oleObjects == 0) return kOk;
+  const int r = SkipLeadingBlocks(ctx, small.get());
+  if (r != kOk) return r;
+  return WalkObjects(ctx, marks.get(), objectCount, scratch.get(), small.get());
+}
+
+int GetWptblDSET() { return kOk; }

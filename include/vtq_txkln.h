@@ -28,6 +28,11 @@ extern "C" {
 #define KLN_ERR_OLE_REFUSED 3004   /* refused for its embedded object */
 #define KLN_ERR_SIZE_LIMIT 3005    /* output cut at the size limit */
 #define KLN_ERR_OLE_FAILED 4001    /* an embedded object could not be converted */
+/* Codes of the runtime's extractor for embedded objects. The filter
+ * reports any of them as 4001, or passes the object over when
+ * KLN_FLAG_OLE_CONTINUE is set. */
+#define KLN_ERR_OLE_UNSUPPORTED 4100 /* an object that holds no text the runtime reads */
+#define KLN_ERR_OLE_TOO_DEEP 4101    /* documents embedded more than 4 levels deep */
 
 /* Bits of FilterOptions.flags. */
 #define KLN_FLAG_LINE_KEEP 0x08u      /* line ends as the filter writes them */

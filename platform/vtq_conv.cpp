@@ -1,6 +1,7 @@
 // Character conversion on iconv.
 //
-// Document text (Windows-31J or ISO-8859-1) is decoded to code points
+// Document text (Windows-31J or ISO-8859-1; embedded texts also UTF-8 or
+// Windows-1252) is decoded to code points
 // through a table that iconv fills once per process; the code points are
 // encoded by hand for the UTF forms and ISO-8859-1, and through iconv for
 // every other output set. The filter sets a converter up for every write,
@@ -76,11 +77,61 @@ const Windows31JTable *Windows31J() {
   return table;
 }
 
-// The document's decoder: the table for Windows-31J, none for ISO-8859-1.
+// Windows-1252, for embedded texts that are neither UTF-8 nor Windows-31J;
+// its five unassigned bytes stay invalid.
+const uint32_t *Windows1252() {
+  static uint32_t table[256];
+  static bool ok = false;
+  static std::once_flag once;
+  std::call_once(once, [] {
+    iconv_t cd = iconv_open("UTF-32LE", "WINDOWS-1252");
+    if (cd == iconv_t(-1)) return;
+    for (int b = 0; b < 256; ++b) {
+      const uint8_t byte = static_cast<uint8_t>(b);
+      const uint32_t cp = b < 0x80 ? uint32_t(b) : DecodeOne(cd, &byte, 1);
+      table[b] = cp == kLead ? kInvalid : cp;
+    }
+    iconv_close(cd);
+    ok = true;
+  });
+  return ok ? table : nullptr;
+}
+
+// The document's decoder: the table for Windows-31J, a byte table for
+// Windows-1252, UTF-8 by hand, and bytes as code points for ISO-8859-1.
 struct Decoder {
   const Windows31JTable *w31j;
+  const uint32_t *single;
+  bool utf8;
 };
-const Decoder kLatin1Decoder{nullptr};
+const Decoder kLatin1Decoder{nullptr, nullptr, false};
+const Decoder kUtf8Decoder{nullptr, nullptr, true};
+
+// One UTF-8 sequence; overlong forms, surrogates and cut sequences are
+// invalid and take one byte.
+uint32_t DecodeUtf8(const uint8_t *in, size_t n, size_t *used) {
+  const uint8_t b = in[0];
+  if (b < 0x80) return b;
+  size_t len;
+  uint32_t cp, min;
+  if ((b & 0xE0) == 0xC0) {
+    len = 2, cp = b & 0x1F, min = 0x80;
+  } else if ((b & 0xF0) == 0xE0) {
+    len = 3, cp = b & 0x0F, min = 0x800;
+  } else if ((b & 0xF8) == 0xF0) {
+    len = 4, cp = b & 0x07, min = 0x10000;
+  } else {
+    return kInvalid;
+  }
+  if (n < len) return kInvalid;
+  for (size_t i = 1; i < len; ++i) {
+    if ((in[i] & 0xC0) != 0x80) return kInvalid;
+    cp = cp << 6 | (in[i] & 0x3F);
+  }
+  if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp < 0xE000)) return kInvalid;
+  *used = len;
+  return cp;
+}
 
 // Decodes the character at in[0..n); answers its code point (kInvalid for
 // a byte or pair that is no character) and sets *used. A lead byte takes
@@ -89,12 +140,15 @@ const Decoder kLatin1Decoder{nullptr};
 // stands alone.
 inline uint32_t DecodeChar(const Decoder *d, const uint8_t *in, size_t n, size_t *used) {
   *used = 1;
-  if (!d->w31j) return in[0];
-  const uint32_t cp = d->w31j->single[in[0]];
-  if (cp != kLead) return cp;
-  if (n < 2 || !IsTrail(in[1])) return kInvalid;
-  *used = 2;
-  return d->w31j->pair[(uint32_t(in[0]) << 8) | in[1]];
+  if (d->w31j) {
+    const uint32_t cp = d->w31j->single[in[0]];
+    if (cp != kLead) return cp;
+    if (n < 2 || !IsTrail(in[1])) return kInvalid;
+    *used = 2;
+    return d->w31j->pair[(uint32_t(in[0]) << 8) | in[1]];
+  }
+  if (d->utf8) return DecodeUtf8(in, n, used);
+  return d->single ? d->single[in[0]] : in[0];
 }
 
 // ---- Encoding the output set ----
@@ -392,7 +446,7 @@ int cconvInitConvert(CconvState *st, const CconvOptions *opt, const char *outNam
 int cconvChgCharset(CconvState *st, const CconvCharsetRecord *, const char *docName) {
   if (!st || !docName) return -1;
   if (std::strcmp(docName, "WINDOWS31J") == 0) {
-    static Decoder w31j{nullptr};
+    static Decoder w31j{nullptr, nullptr, false};
     static std::once_flag once;
     std::call_once(once, [] { w31j.w31j = Windows31J(); });
     if (!w31j.w31j) return -1;
@@ -401,6 +455,16 @@ int cconvChgCharset(CconvState *st, const CconvCharsetRecord *, const char *docN
   }
   if (std::strcmp(docName, "ISO-8859-1") == 0) {
     st->decoder = &kLatin1Decoder;
+    return 0;
+  }
+  if (std::strcmp(docName, "UTF-8") == 0) {
+    st->decoder = &kUtf8Decoder;
+    return 0;
+  }
+  if (std::strcmp(docName, "WINDOWS-1252") == 0) {
+    static const Decoder cp1252{nullptr, Windows1252(), false};
+    if (!cp1252.single) return -1;
+    st->decoder = &cp1252;
     return 0;
   }
   return -1;
@@ -462,6 +526,15 @@ int cconvConvert(CconvState *st) {
   st->inPos = pos;
   st->outLen = outLen;
   return 0;
+}
+
+uint32_t VTQ_LineEndCode(uint32_t flags) {
+  static constexpr uint32_t kBits[] = {KLN_FLAG_LINE_KEEP, KLN_FLAG_LINE_LF, KLN_FLAG_LINE_CRLF, KLN_FLAG_LINE_CR,
+                                       KLN_FLAG_LINE_SPACE};
+  for (uint32_t i = 0; i < 5; ++i) {
+    if (flags & kBits[i]) return i + 1;
+  }
+  return 1;
 }
 
 void cconvTermConvert(CconvState *st) {

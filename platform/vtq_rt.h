@@ -77,8 +77,12 @@ typedef struct CconvCharsetRecord {
 
 /* Output set by name; non-zero when unknown or stateful. */
 VTQ_RT_API int cconvInitConvert(CconvState *st, const CconvOptions *opt, const char *outName);
-/* Document set by name ("WINDOWS31J" or "ISO-8859-1"); non-zero on failure. */
+/* Document set by name ("WINDOWS31J" or "ISO-8859-1"; for embedded texts
+ * also "UTF-8" and "WINDOWS-1252"); non-zero on failure. */
 VTQ_RT_API int cconvChgCharset(CconvState *st, const CconvCharsetRecord *rec, const char *docName);
+/* The separator code (1 keep … 5 space) that the caller's KLN_FLAG_LINE_…
+ * bits ask for; the first bit set wins, none means keep. */
+VTQ_RT_API uint32_t VTQ_LineEndCode(uint32_t flags);
 VTQ_RT_API int cconvConvert(CconvState *st);
 VTQ_RT_API void cconvTermConvert(CconvState *st);
 VTQ_RT_API int VTQ_GetResouceString(int id, char *buf, int size);

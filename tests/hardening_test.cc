@@ -18,28 +18,6 @@ namespace {
 
 const std::set<int> kResultCodes = {0, 12, 22, 25, 3000, 3003, 3004, 3005, 4001};
 
-// Points TMPDIR at a fresh folder for the life of the object.
-class ScopedTmpDir {
- public:
-  ScopedTmpDir() {
-    const char *old = std::getenv("TMPDIR");
-    if (old) old_ = old, hadOld_ = true;
-    setenv("TMPDIR", dir_.path().c_str(), 1);
-  }
-  ~ScopedTmpDir() {
-    if (hadOld_)
-      setenv("TMPDIR", old_.c_str(), 1);
-    else
-      unsetenv("TMPDIR");
-  }
-  std::vector<std::string> leftovers() const { return dir_.list(); }
-
- private:
-  kln::TempDir dir_;
-  std::string old_;
-  bool hadOld_ = false;
-};
-
 // Runs doc in both modes and checks the invariants of every outcome.
 void CheckRun(const Bytes &doc, uint32_t flags, const std::string &what) {
   const FilterOptions opt = kln::Options("UTF-8", flags);
@@ -69,7 +47,7 @@ TEST(Hardening, EveryAllocationFailureGivesATableCode) {
 }
 
 TEST(Hardening, EveryPrefixUpTo4KiB) {
-  ScopedTmpDir tmp;
+  kln::ScopedTmpDir tmp;
   for (const kln::NamedDocument &d : kln::Corpus()) {
     const size_t end = d.bytes.size() < 4096 ? d.bytes.size() : 4096;
     for (size_t len = 0; len < end; ++len) {
@@ -81,7 +59,7 @@ TEST(Hardening, EveryPrefixUpTo4KiB) {
 }
 
 TEST(Hardening, SingleByteFlips) {
-  ScopedTmpDir tmp;
+  kln::ScopedTmpDir tmp;
   for (const kln::NamedDocument &d : kln::Corpus()) {
     const size_t end = d.bytes.size() < 4096 ? d.bytes.size() : 4096;
     for (size_t at = 0; at < end; ++at) {

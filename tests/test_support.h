@@ -2,7 +2,9 @@
 // folder, the text comes back as bytes.
 #pragma once
 
+#include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "kln_builder.h"
 #include "vtq_txkln.h"
@@ -35,6 +37,28 @@ class TempDir {
 
  private:
   std::string path_;
+};
+
+// Points TMPDIR at a fresh folder for the life of the object.
+class ScopedTmpDir {
+ public:
+  ScopedTmpDir() {
+    const char *old = std::getenv("TMPDIR");
+    if (old) old_ = old, hadOld_ = true;
+    setenv("TMPDIR", dir_.path().c_str(), 1);
+  }
+  ~ScopedTmpDir() {
+    if (hadOld_)
+      setenv("TMPDIR", old_.c_str(), 1);
+    else
+      unsetenv("TMPDIR");
+  }
+  std::vector<std::string> leftovers() const { return dir_.list(); }
+
+ private:
+  TempDir dir_;
+  std::string old_;
+  bool hadOld_ = false;
 };
 
 // Converts doc in stream mode / file mode.

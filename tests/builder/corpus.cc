@@ -1,6 +1,8 @@
 #include "corpus.h"
 
+#include "ole_builder.h"
 #include "ss_builder.h"
+#include "vtq_txkln.h"
 #include "wp_builder.h"
 
 namespace kln {
@@ -48,10 +50,25 @@ NamedDocument Budget() {
                     {{0, 0, 0, 0}, {1, 0, 1, 0}, {2, 1, 0, 0}, {11, 0, 0, 0}, {15, 0, 0, 0}}};
   return {"budget", SsDocument(sheet, styles).build()};
 }
+// A drawing between two pages: a framed shape, a packaged note, a
+// CONTENTS text and a packaged letter, extracted.
+NamedDocument Drawing() {
+  WpDataSet page;
+  page.blocks = {{"See the note:"}};
+  DrawingDataSet drawing;
+  drawing.objects = {{8, 0, {}, {}},
+                     DrawingObject::Ole(PackagedObject(Str("Note: \x93\xfa\x96\x7b\r\n"))),
+                     DrawingObject::Ole(CompoundFile({{"CONTENTS", Str("caf\xe9")}})),
+                     {1, 1, {}, {}},
+                     DrawingObject::Ole(PackagedObject(Letter().bytes, "letter.kln"))};
+  Document d = WpDocument({page});
+  d.dataSets.push_back(drawing.build(2));
+  return {"drawing", d.build(), KLN_FLAG_OLE_EXTRACT};
+}
 }  // namespace
 
 std::vector<NamedDocument> Corpus() {
-  return {HeaderOnly(), StyleChainOnly(), SecondVariantWithScan(), Letter(), Budget()};
+  return {HeaderOnly(), StyleChainOnly(), SecondVariantWithScan(), Letter(), Budget(), Drawing()};
 }
 
 }  // namespace kln
