@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "kln_builder.h"
+#include "ole_builder.h"
 #include "ss_builder.h"
 #include "wp_builder.h"
 
@@ -124,10 +125,10 @@ constexpr char kLineEnd = '\x01';
 constexpr char kInlineAnchor = '\x06';
 constexpr size_t kInlineTextMax = 11;  // bytes a reader keeps of an inline text
 
-// Entries: "inline TEXT" (the texts shown at each {} of the text, in order).
-// Body: one document line per line; a blank line ends a text block; a tab
-// is a layout space.
-kln::Document BuildText(const Description &d) {
+// The page of text of a description. Entries: "inline TEXT" (the texts
+// shown at each {} of the text, in order). Body: one document line per
+// line; a blank line ends a text block; a tab is a layout space.
+kln::WpDataSet TextPage(const Description &d) {
   kln::WpDataSet page;
   ForEach(d, "inline", [&](const std::string &v, int line) {
     std::string text = ToDocumentSet(d, line, v);
@@ -146,12 +147,39 @@ kln::Document BuildText(const Description &d) {
       block.clear();
     }
   }
-  if (page.blocks.empty()) Fail(d, 0, "a text document needs a text section");
-  kln::Document doc = kln::WpDocument({page});
+  if (page.blocks.empty()) Fail(d, 0, "this kind of document needs a text section");
+  return page;
+}
+
+// The document with the description's properties in its header.
+kln::Document WithProperties(kln::Document doc, const Description &d) {
   const uint8_t kind = doc.header.docKind;
   doc.header = HeaderOf(d);
   doc.header.docKind = kind;
   return doc;
+}
+
+kln::Document BuildText(const Description &d) { return WithProperties(kln::WpDocument({TextPage(d)}), d); }
+
+// ---- kind "drawing": a page of text and a drawing with embedded objects --
+
+// Entries: those of a text document, and "object LABEL | TEXT": an embedded
+// object packaging the text file LABEL, in which "\n" ends a line (as does
+// the end of the text).
+kln::Document BuildDrawing(const Description &d) {
+  kln::DrawingDataSet drawing;
+  ForEach(d, "object", [&](const std::string &v, int line) {
+    const size_t bar = v.find('|');
+    if (bar == std::string::npos) Fail(d, line, "object LABEL | TEXT");
+    std::string text = Trim(v.substr(bar + 1)) + "\\n";
+    for (size_t at; (at = text.find("\\n")) != std::string::npos;) text.replace(at, 2, "\r\n");
+    drawing.objects.push_back(
+        kln::DrawingObject::Ole(kln::PackagedObject(kln::Str(ToDocumentSet(d, line, text)), Trim(v.substr(0, bar)))));
+  });
+  if (drawing.objects.empty()) Fail(d, 0, "a drawing needs at least one object");
+  kln::Document doc = kln::WpDocument({TextPage(d)});
+  doc.dataSets.push_back(drawing.build(2));
+  return WithProperties(std::move(doc), d);
 }
 
 // ---- kind "sheet": a spreadsheet document --------------------------------
@@ -256,11 +284,7 @@ kln::Document BuildSheet(const Description &d) {
     ++row;
   });
   if (sheet.cells.empty()) Fail(d, 0, "a sheet needs at least one row with a cell");
-  kln::Document doc = kln::SsDocument(sheet, chain);
-  const uint8_t kind = doc.header.docKind;
-  doc.header = HeaderOf(d);
-  doc.header.docKind = kind;
-  return doc;
+  return WithProperties(kln::SsDocument(sheet, chain), d);
 }
 
 // Builders by the "kind" of a description. A new kind of sample is one
@@ -268,6 +292,7 @@ kln::Document BuildSheet(const Description &d) {
 const std::map<std::string, kln::Document (*)(const Description &)> kBuilders = {
     {"text", BuildText},
     {"sheet", BuildSheet},
+    {"drawing", BuildDrawing},
 };
 
 std::string Stem(const std::string &path) {
@@ -286,7 +311,7 @@ int main(int argc, char **argv) {
   for (int i = 2; i < argc; ++i) {
     const Description d = Read(argv[i]);
     const auto builder = kBuilders.find(d.kind);
-    if (builder == kBuilders.end()) Fail(d, 0, "unknown kind '" + d.kind + "' (text or sheet)");
+    if (builder == kBuilders.end()) Fail(d, 0, "unknown kind '" + d.kind + "' (text, sheet or drawing)");
     kln::WriteFile(std::string(argv[1]) + "/" + Stem(argv[i]) + ".kln", builder->second(d).build());
   }
   return 0;

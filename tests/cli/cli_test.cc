@@ -40,6 +40,7 @@ class Kln2txtTest : public ::testing::Test {
   void SetUp() override {
     kln::WriteFile(dir.file("letter.kln"), Load(kSamples + "/letter.kln"));
     kln::WriteFile(dir.file("budget.kln"), Load(kSamples + "/budget.kln"));
+    kln::WriteFile(dir.file("notice.kln"), Load(kSamples + "/notice.kln"));
     kln::Header header;
     header.title = "empty";
     kln::Document empty;
@@ -113,6 +114,24 @@ TEST_F(Kln2txtTest, JsonHoldsPropertiesTextAndOutcome) {
             "\"message\":\"not a KLN document\"}\n");
   const std::string end = "\\\"FALSE\\\"\",\"result\":0,\"message\":\"converted\"}\n";
   EXPECT_EQ(r.out.substr(r.out.size() - end.size()), end);
+}
+
+// A drawing's embedded objects: extracted by default, skipped, or the
+// document refused (and its output file removed).
+TEST_F(Kln2txtTest, EmbeddedObjects) {
+  const std::string page = "大阪会議のご案内 / Osaka meeting\n";
+  const std::string objects = "会場: 大阪国際会議場 10階 1001号室\n";
+  const Ran extracted = Tool("notice.kln");
+  EXPECT_EQ(extracted.status, 0);
+  EXPECT_EQ(extracted.out.rfind(page, 0), 0u);
+  EXPECT_NE(extracted.out.find("below.\n" + objects), std::string::npos) << extracted.out;
+  const Ran skipped = Tool("--ole skip notice.kln");
+  EXPECT_EQ(skipped.status, 0);
+  EXPECT_EQ(skipped.out.substr(skipped.out.size() - 7), "below.\n");
+  const Ran refused = Tool("--ole refuse -o notice.txt notice.kln");
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_EQ(refused.err, "kln2txt: notice.kln: refused: the document holds an embedded object (--ole refuse)\n");
+  EXPECT_NE(access(dir.file("notice.txt").c_str(), F_OK), 0);
 }
 
 // Every outcome of a single document: its exit status and its message.
