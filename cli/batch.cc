@@ -7,13 +7,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <set>
 #include <string_view>
-#include <thread>
 
 #include "kln2txt.h"
 
@@ -81,7 +81,8 @@ void InjectTestFault(const std::string &input) {
   }
 }
 
-[[noreturn]] void RunWorker(const Settings &s, const Job &job) {
+[[noreturn]] void RunWorker(const Settings &s, const Job &job, const sigset_t &mask) {
+  sigprocmask(SIG_SETMASK, &mask, nullptr);
   InjectTestFault(job.input);
   int code = 0;
   const Outcome outcome = ConvertDocument(s, job.input, job.output, code);
@@ -152,25 +153,49 @@ class Batch {
 
   // Answers the gravest exit status of the documents.
   int run() {
+    // SIGCHLD stays pending while blocked, so that waitForWorker wakes up
+    // for a worker that ended at any time since the last look.
+    sigemptyset(&childEnded_);
+    sigaddset(&childEnded_, SIGCHLD);
+    sigprocmask(SIG_BLOCK, &childEnded_, &callerMask_);
     while (next_ < jobs_.size() || !running_.empty()) {
       const bool started = startWorkers();
       const bool reaped = reapWorkers();
       if ((started || reaped) && !running_.empty())
         progress_.show(done_, BaseName(jobs_[running_.front().job].input));
-      if (!reaped) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      if (!reaped && !running_.empty()) waitForWorker();
     }
+    sigprocmask(SIG_SETMASK, &callerMask_, nullptr);
     progress_.clear();
     summary_.write(jobs_.size());
     return status_;
   }
 
  private:
+  // Sleeps until a worker ends, the first running worker's --timeout
+  // passes, or a second has gone by.
+  void waitForWorker() const {
+    auto wait = std::chrono::nanoseconds(std::chrono::seconds(1));
+    if (s_.timeoutSeconds) {
+      for (const Worker &w : running_) {
+        if (w.killed) continue;
+        const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(
+            w.started + std::chrono::seconds(s_.timeoutSeconds) - Clock::now());
+        wait = std::max(std::chrono::nanoseconds(0), std::min(wait, left));
+      }
+    }
+    timespec ts{};
+    ts.tv_sec = static_cast<time_t>(wait.count() / 1000000000);
+    ts.tv_nsec = static_cast<long>(wait.count() % 1000000000);
+    sigtimedwait(&childEnded_, nullptr, &ts);
+  }
+
   bool startWorkers() {
     const size_t first = next_;
     for (; running_.size() < s_.jobs && next_ < jobs_.size(); ++next_) {
       std::fflush(nullptr);  // nothing buffered may be written twice
       const pid_t pid = fork();
-      if (pid == 0) RunWorker(s_, jobs_[next_]);
+      if (pid == 0) RunWorker(s_, jobs_[next_], callerMask_);
       if (pid < 0)
         finish(next_, Outcome::kWorkerLost, std::string("cannot start a worker: ") + std::strerror(errno));
       else
@@ -194,7 +219,7 @@ class Batch {
         reaped = true;
         continue;
       }
-      if (s_.timeoutSeconds && !w->killed && Clock::now() - w->started > timeout) {
+      if (s_.timeoutSeconds && !w->killed && Clock::now() - w->started >= timeout) {
         kill(w->pid, SIGKILL);
         w->killed = true;
       }
@@ -221,6 +246,7 @@ class Batch {
   Progress progress_;
   int status_ = kExitOk;
   size_t next_ = 0, done_ = 0;
+  sigset_t childEnded_, callerMask_;
 };
 
 }  // namespace
