@@ -120,9 +120,10 @@ class Summary {
       failed += std::string(failed.empty() ? " (" : ", ") + std::to_string(counts_[i]) + " " + OutcomeText(o);
     }
     if (!failed.empty()) failed += ")";
-    std::fprintf(stderr, "kln2txt: %zu document%s: %zu converted, %zu without text, %zu cut at the size limit, %zu failed%s\n",
-                 total, total == 1 ? "" : "s", count(Outcome::kConverted), count(Outcome::kEmpty),
-                 count(Outcome::kCut), failures, failed.c_str());
+    std::fprintf(stderr,
+                 "kln2txt: %zu document%s: %zu converted, %zu without text, %zu cut at the size limit, %zu failed%s\n",
+                 total, total == 1 ? "" : "s", count(Outcome::kConverted), count(Outcome::kEmpty), count(Outcome::kCut),
+                 failures, failed.c_str());
   }
 
  private:
@@ -161,8 +162,7 @@ class Batch {
     while (next_ < jobs_.size() || !running_.empty()) {
       const bool started = startWorkers();
       const bool reaped = reapWorkers();
-      if ((started || reaped) && !running_.empty())
-        progress_.show(done_, BaseName(jobs_[running_.front().job].input));
+      if ((started || reaped) && !running_.empty()) progress_.show(done_, BaseName(jobs_[running_.front().job].input));
       if (!reaped && !running_.empty()) waitForWorker();
     }
     sigprocmask(SIG_SETMASK, &callerMask_, nullptr);

@@ -109,9 +109,7 @@ int StreamText(const std::string &path, VTQ_STREAM *stream, const Settings &s, c
 }
 
 // Opens where a listing goes: standard output, or the file outPath.
-FILE *OpenListing(const std::string &outPath) {
-  return outPath.empty() ? stdout : std::fopen(outPath.c_str(), "wb");
-}
+FILE *OpenListing(const std::string &outPath) { return outPath.empty() ? stdout : std::fopen(outPath.c_str(), "wb"); }
 
 bool CloseListing(FILE *out) {
   if (out == stdout) return std::fflush(out) == 0;
@@ -180,8 +178,8 @@ int WriteJson(const std::string &path, const std::string &name, const Settings &
 
 // Writes the properties or the JSON object of `path` to outPath (or
 // standard output).
-Outcome WriteListing(const std::string &path, const std::string &name, const Settings &s,
-                     const std::string &outPath, int &code) {
+Outcome WriteListing(const std::string &path, const std::string &name, const Settings &s, const std::string &outPath,
+                     int &code) {
   FILE *out = OpenListing(outPath);
   if (!out) {
     code = KLN_ERR_OPEN;

@@ -23,8 +23,8 @@ struct Settings {
   std::string outDir;        // --out-dir: batch mode
   unsigned jobs = 1;         // -j: batch workers
   unsigned timeoutSeconds = 60;
-  bool properties = false;   // --properties instead of the text
-  bool json = false;         // one JSON object per document
+  bool properties = false;  // --properties instead of the text
+  bool json = false;        // one JSON object per document
   std::vector<std::string> files;
 };
 
@@ -80,8 +80,7 @@ extern const Property kProperties[6];
 // Converts one document as the settings ask. outPath empty: the result goes
 // to standard output (stream mode); otherwise into that file (file mode for
 // the text). Answers the outcome; code is the filter's result code.
-Outcome ConvertDocument(const Settings &settings, const std::string &input, const std::string &outPath,
-                        int &code);
+Outcome ConvertDocument(const Settings &settings, const std::string &input, const std::string &outPath, int &code);
 
 // Converts settings.files into settings.outDir with worker processes.
 // Answers the exit status.

@@ -115,8 +115,10 @@ struct Named {
   uint32_t bits;
 };
 
-constexpr Named kLineEndModes[] = {{"keep", KLN_FLAG_LINE_KEEP}, {"lf", KLN_FLAG_LINE_LF},
-                                   {"crlf", KLN_FLAG_LINE_CRLF}, {"cr", KLN_FLAG_LINE_CR},
+constexpr Named kLineEndModes[] = {{"keep", KLN_FLAG_LINE_KEEP},
+                                   {"lf", KLN_FLAG_LINE_LF},
+                                   {"crlf", KLN_FLAG_LINE_CRLF},
+                                   {"cr", KLN_FLAG_LINE_CR},
                                    {"space", KLN_FLAG_LINE_SPACE}};
 constexpr uint32_t kLineEndBits =
     KLN_FLAG_LINE_KEEP | KLN_FLAG_LINE_LF | KLN_FLAG_LINE_CRLF | KLN_FLAG_LINE_CR | KLN_FLAG_LINE_SPACE;
@@ -163,8 +165,7 @@ int CheckCombination(const Settings &s, bool jobsGiven, bool timeoutGiven) {
   const bool readsStdin = std::find(s.files.begin(), s.files.end(), "-") != s.files.end();
   if (!s.output.empty() && !s.outDir.empty()) return UsageError("%s", "-o and --out-dir exclude each other");
   if (!s.output.empty() && s.files.size() > 1) return UsageError("%s", "-o takes one FILE; use --out-dir for more");
-  if (s.outDir.empty() && (jobsGiven || timeoutGiven))
-    return UsageError("%s", "-j and --timeout go with --out-dir");
+  if (s.outDir.empty() && (jobsGiven || timeoutGiven)) return UsageError("%s", "-j and --timeout go with --out-dir");
   if (!s.outDir.empty() && readsStdin) return UsageError("%s", "--out-dir takes named files, not -");
   if (readsStdin && (s.files.size() > 1)) return UsageError("%s", "- must be the only FILE");
   if ((s.filter.flags & KLN_FLAG_LOG) && readsStdin && s.output.empty())
@@ -189,12 +190,14 @@ int ParseCommandLine(int argc, char **argv, Settings &s, bool &done) {
       case 'o': s.output = optarg; break;
       case kOutDir: s.outDir = optarg; break;
       case 'j':
-        if (!ParseNumber(optarg, 1, 256, n)) return UsageError("-j wants a number of workers from 1 to 256, not '%s'", optarg);
+        if (!ParseNumber(optarg, 1, 256, n))
+          return UsageError("-j wants a number of workers from 1 to 256, not '%s'", optarg);
         s.jobs = static_cast<unsigned>(n);
         jobsGiven = true;
         break;
       case kTimeout:
-        if (!ParseNumber(optarg, 0, 86400, n)) return UsageError("--timeout wants seconds (0 = none), not '%s'", optarg);
+        if (!ParseNumber(optarg, 0, 86400, n))
+          return UsageError("--timeout wants seconds (0 = none), not '%s'", optarg);
         s.timeoutSeconds = static_cast<unsigned>(n);
         timeoutGiven = true;
         break;
@@ -213,14 +216,16 @@ int ParseCommandLine(int argc, char **argv, Settings &s, bool &done) {
           return UsageError("--line-ends is keep, lf, crlf, cr or space, not '%s'", optarg);
         break;
       case kMaxBytes:
-        if (!ParseNumber(optarg, 0, UINT32_MAX, n)) return UsageError("--max-bytes wants a number of bytes, not '%s'", optarg);
+        if (!ParseNumber(optarg, 0, UINT32_MAX, n))
+          return UsageError("--max-bytes wants a number of bytes, not '%s'", optarg);
         s.filter.flags |= KLN_FLAG_SIZE_LIMIT;
         s.filter.sizeLimit = static_cast<uint32_t>(n);
         break;
       case kLog: s.filter.flags |= KLN_FLAG_LOG; break;
       case kSeparator:
         // The filter separates cells with one byte.
-        if (std::strlen(optarg) != 1) return UsageError("--separator wants one single-byte character, not '%s'", optarg);
+        if (std::strlen(optarg) != 1)
+          return UsageError("--separator wants one single-byte character, not '%s'", optarg);
         SetSeparator(s.filter, static_cast<unsigned char>(optarg[0]));
         break;
       case kTab: SetSeparator(s.filter, '\t'); break;

@@ -98,9 +98,9 @@ Description Read(const std::string &path) {
 kln::Header HeaderOf(const Description &d) {
   kln::Header h;
   const std::map<std::string, std::optional<std::string> kln::Header::*> fields = {
-      {"title", &kln::Header::title},           {"author", &kln::Header::author},
-      {"keywords", &kln::Header::keywords},     {"description", &kln::Header::description},
-      {"class", &kln::Header::docClass},        {"version", &kln::Header::version}};
+      {"title", &kln::Header::title},       {"author", &kln::Header::author},
+      {"keywords", &kln::Header::keywords}, {"description", &kln::Header::description},
+      {"class", &kln::Header::docClass},    {"version", &kln::Header::version}};
   for (size_t i = 0; i < d.entries.size(); ++i) {
     const auto f = fields.find(d.entries[i].first);
     if (f == fields.end()) continue;
@@ -185,12 +185,13 @@ kln::Document BuildDrawing(const Description &d) {
 // ---- kind "sheet": a spreadsheet document --------------------------------
 
 // Format codes of the cell styles, by the names descriptions use.
+// clang-format off
 const std::map<std::string, uint8_t> kFormats = {
-    {"general", 0},      {"currency", 1},     {"percent", 2},           {"scientific", 3},
-    {"fixed", 4},        {"date-short", 5},   {"date", 6},              {"date-weekday", 8},
-    {"date-long-weekday", 9},                 {"era-short", 10},        {"era", 11},
-    {"era-weekday", 12}, {"era-long-weekday", 13},                      {"time-12", 14},
-    {"time-12-seconds", 15},                  {"time", 16},             {"time-seconds", 17}};
+    {"general", 0}, {"currency", 1}, {"percent", 2}, {"scientific", 3}, {"fixed", 4},
+    {"date-short", 5}, {"date", 6}, {"date-weekday", 8}, {"date-long-weekday", 9},
+    {"era-short", 10}, {"era", 11}, {"era-weekday", 12}, {"era-long-weekday", 13},
+    {"time-12", 14}, {"time-12-seconds", 15}, {"time", 16}, {"time-seconds", 17}};
+// clang-format on
 
 // "style NAME FORMAT [decimals N] [thousands] [parens]"
 void ParseStyle(const Description &d, int line, const std::string &v, std::map<std::string, uint16_t> &names,
@@ -202,19 +203,24 @@ void ParseStyle(const Description &d, int line, const std::string &v, std::map<s
     e = std::min(v.find_first_of(" \t", b), v.size());
     words.push_back(v.substr(b, e - b));
   }
-  if (words.size() < 2 || !kFormats.count(words[1])) Fail(d, line, "style NAME FORMAT [decimals N] [thousands] [parens]");
-  kln::CellStyleSpec spec;
-  spec.formatCode = kFormats.at(words[1]);
+  if (words.size() < 2 || !kFormats.count(words[1]))
+    Fail(d, line, "style NAME FORMAT [decimals N] [thousands] [parens]");
+  kln::CellStyleSpec style;
+  style.formatCode = kFormats.at(words[1]);
   for (size_t i = 2; i < words.size(); ++i) {
-    if (words[i] == "thousands") spec.thousandsSep = 1;
-    else if (words[i] == "parens") spec.negativeInParens = 1;
-    else if (words[i] == "decimals" && i + 1 < words.size()) spec.decimals = static_cast<uint8_t>(std::atoi(words[++i].c_str()));
-    else Fail(d, line, "unknown style word '" + words[i] + "'");
+    if (words[i] == "thousands")
+      style.thousandsSep = 1;
+    else if (words[i] == "parens")
+      style.negativeInParens = 1;
+    else if (words[i] == "decimals" && i + 1 < words.size())
+      style.decimals = static_cast<uint8_t>(std::atoi(words[++i].c_str()));
+    else
+      Fail(d, line, "unknown style word '" + words[i] + "'");
   }
   const auto number = static_cast<uint16_t>(chain.cellStyles.size());
   names[words[0]] = number;
   chain.styles.push_back({number, number});
-  chain.cellStyles.push_back(spec);
+  chain.cellStyles.push_back(style);
 }
 
 // Days from 1904-01-01, the day a cell's date value counts from.

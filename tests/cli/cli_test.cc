@@ -21,8 +21,8 @@ struct Ran {
 Ran RunIn(const kln::TempDir &dir, const std::string &args, const std::string &env = {},
           const std::string &input = "/dev/null") {
   // The redirections in args come last and win.
-  const std::string cmd = "cd '" + dir.path() + "' && " + env + " '" KLN2TXT_PATH "' <" + input +
-                          " >stdout.bin 2>stderr.txt " + args;
+  const std::string cmd =
+      "cd '" + dir.path() + "' && " + env + " '" KLN2TXT_PATH "' <" + input + " >stdout.bin 2>stderr.txt " + args;
   const int w = std::system(cmd.c_str());
   Ran r;
   r.status = WIFEXITED(w) ? WEXITSTATUS(w) : -1;
@@ -80,7 +80,11 @@ TEST_F(Kln2txtTest, OptionsReachTheFilter) {
   EXPECT_EQ(tab.out.rfind("費目\t予算\t実績\t差額\t達成率\r\n家賃\t\\360,000\t", 0), 0u) << tab.out;
   const Ran sjis = Tool("-e WINDOWS-31J --bom letter.kln");  // no BOM outside UTF-8
   EXPECT_EQ(sjis.out.rfind("\x8a\x94\x8e\xae", 0), 0u);
-  EXPECT_EQ(Tool("--bom letter.kln").out.rfind("\xEF\xBB\xBF" "株式会社", 0), 0u);
+  EXPECT_EQ(Tool("--bom letter.kln")
+                .out.rfind("\xEF\xBB\xBF"
+                           "株式会社",
+                           0),
+            0u);
   EXPECT_EQ(Tool("--separator ';' budget.kln").out.rfind("\"費目\";\"予算\";", 0), 0u);
   // The same bytes read as ISO-8859-1: one character each.
   EXPECT_EQ(Tool("--latin1 letter.kln").out.rfind("\xC2\x8A\xC2\x94\xC2\x8E\xC2\xAE", 0), 0u);
@@ -199,8 +203,8 @@ TEST_F(Kln2txtTest, FileModeRemovesTheOutputOfADocumentWithoutText) {
 // themselves, and the names that clash get a suffix.
 TEST_F(Kln2txtTest, BatchSurvivesACrashingAndAHangingDocument) {
   ASSERT_EQ(system(("mkdir '" + dir.file("more") + "' && cp '" + dir.file("letter.kln") + "' '" +
-                    dir.file("more/letter.kln") + "' && cp '" + dir.file("letter.kln") + "' '" +
-                    dir.file("crash.kln") + "' && cp '" + dir.file("letter.kln") + "' '" + dir.file("hang.kln") + "'")
+                    dir.file("more/letter.kln") + "' && cp '" + dir.file("letter.kln") + "' '" + dir.file("crash.kln") +
+                    "' && cp '" + dir.file("letter.kln") + "' '" + dir.file("hang.kln") + "'")
                        .c_str()),
             0);
   const std::string files = "letter.kln budget.kln more/letter.kln empty.kln notes.kln crash.kln hang.kln";
@@ -240,10 +244,10 @@ TEST(JsonString, EscapesAndKeepsOnlyWellFormedUtf8) {
       {"a\"b\\c", "\"a\\\"b\\\\c\""},
       {"\n\r\t\x01\x1f", "\"\\n\\r\\t\\u0001\\u001f\""},
       {"日本 é 😀", "\"日本 é 😀\""},
-      {"a\x80z", "\"a\xEF\xBF\xBDz\""},              // stray continuation byte
-      {"\xC0\xAF", "\"\xEF\xBF\xBD\xEF\xBF\xBD\""},  // overlong '/'
+      {"a\x80z", "\"a\xEF\xBF\xBDz\""},                              // stray continuation byte
+      {"\xC0\xAF", "\"\xEF\xBF\xBD\xEF\xBF\xBD\""},                  // overlong '/'
       {"\xED\xA0\x80", "\"\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\""},  // a surrogate
-      {"\xE6\x97", "\"\xEF\xBF\xBD\xEF\xBF\xBD\""},  // cut short
+      {"\xE6\x97", "\"\xEF\xBF\xBD\xEF\xBF\xBD\""},                  // cut short
       {std::string("a\0b", 3), "\"a\\u0000b\""},
   };
   for (const auto &c : cases) EXPECT_EQ(kln2txt::JsonString(c.in), c.out) << c.in;
