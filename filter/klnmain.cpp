@@ -25,7 +25,6 @@ int initial(ConvContext **out) {
   return kOk;
 }
 
-namespace {
 void FreeDbFields(ConvContext *ctx) {
   for (int i = 0; i < ctx->dbFieldCount; ++i) {
     DbField &f = ctx->dbFields[i];
@@ -41,6 +40,7 @@ void FreeDbFields(ConvContext *ctx) {
   ctx->dbFields = nullptr;
 }
 
+namespace {
 void FreeCellTable(ConvContext *ctx) {
   CellNode *column = ctx->cells;
   while (column) {
