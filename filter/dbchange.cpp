@@ -419,12 +419,13 @@ int dbGetCellData(ConvContext *ctx, CellNode *head, uint16_t column, const uint1
         return kNoMemory;
       }
     }
-    *node = e->cell;
     node->row = static_cast<uint16_t>(i);
     node->column = column;
+    node->value = e->cell.value;
+    node->kind = e->cell.kind;
     node->text = text;
-    node->nextColumn = nullptr;
-    node->nextInColumn = fresh;
+    node->present = 1;
+    node->nextInColumn = fresh;  // a head keeps its nextColumn
     e->textGiven = true;
     node = fresh;
   }
