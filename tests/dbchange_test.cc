@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <random>
 
+#include "corpus.h"
 #include "db_builder.h"
 #include "dbchange.h"
 #include "klnmain.h"
@@ -414,6 +415,26 @@ TEST(DatabaseText, HeaderLineAndEachColumnThroughItsFieldsStyle) {
     EXPECT_EQ(r.code, 0) << c.name;
     EXPECT_EQ(r.text, c.expected) << c.name;
   }
+}
+
+// The corpus's member list: every field type, a record list that crosses
+// chunks, Japanese date forms, a row without values at the end.
+TEST(DatabaseText, CorpusMemberList) {
+  const std::string expected =
+      "\u540d\u524d,Fee,Joined,At,Plan,Paid,Due,Tag,Note\n"
+      "member 200,250,100.00,1905\u5e741\u67081\u65e5 (\u65e5),,,0\n"
+      "member 70,87,535.00,,,\u7279\u5225,0,,," + std::string(260, 'x') + "\n"
+      "member 1,1,250.50,,12:00:00\u5348\u5f8c,,1,,#ERROR!\n"
+      "member 0,0.00,2013\u5e747\u67087\u65e5 (\u65e5),,basic,0,16/04/02,ok";
+  int seen = 0;
+  for (const kln::NamedDocument &d : kln::Corpus()) {
+    if (d.name != "members") continue;
+    ++seen;
+    const kln::Result r = kln::RunStream(d.bytes, kln::Options("UTF-8", KLN_FLAG_NO_QUOTE));
+    EXPECT_EQ(r.code, 0);
+    EXPECT_EQ(r.text, expected);
+  }
+  EXPECT_EQ(seen, 1);
 }
 
 }  // namespace
