@@ -96,14 +96,29 @@ int ReadExtraPieces(ConvContext *ctx, DbField &f) {
   if (used) f.extra = extra.release();
   return kOk;
 }
+
+// Releases the cells of an earlier data set and starts the table anew.
+int EmptyCellTable(ConvContext *ctx) {
+  FreeCellTable(ctx);
+  ctx->colsLinked = ctx->colCount = ctx->rowCount = 0;
+  ctx->cells = static_cast<CellNode *>(VTQ_calloc(1, sizeof(CellNode)));
+  return ctx->cells ? kOk : kNoMemory;
+}
 }  // namespace
 
 int dbFieldSet(const ByteView &block, int64_t length, ConvContext *ctx) {
   const ByteView body = block.sub(4, block.size());
   const uint32_t n = body.u16(kFieldCountAt);
   if (n > kMaxFields) return kFormatError;
-  // A second database data set builds its table in place of the first.
-  if (ctx->dbFields) FreeDbFields(ctx);
+  // A second database data set builds its table in place of the first;
+  // in a database document its records replace the first one's too.
+  if (ctx->dbFields) {
+    FreeDbFields(ctx);
+    if (ctx->docKind == kDatabaseDocument) {
+      const int r = EmptyCellTable(ctx);
+      if (r != kOk) return r;
+    }
+  }
   ctx->dbFieldCount = 0;
   VtqPtr<DbField> fields;
   if (!fields.alloc(n + 1)) return kNoMemory;  // the element after the last stays zero
@@ -213,9 +228,6 @@ constexpr uint32_t kMaxChunkFlags = 521;
 // CHNK section from its tag: value count, slot offsets.
 constexpr size_t kChunkCountAt = 4, kChunkSlotsAt = 12;
 constexpr uint32_t kSlots = 64;
-// Chunks numbered from here on hold record numbers beyond 16 bits, which
-// no record list can name.
-constexpr uint32_t kChunksNamed = 65536 / kSlots;
 // Stored value: size, flags, text length, then text or an 80-bit float.
 constexpr size_t kValueSizeAt = 0, kValueFlagsAt = 2, kValueTextLenAt = 3, kValueDataAt = 4, kExtendedBytes = 10;
 constexpr uint8_t kFlagLengthBit8 = 0x01, kFlagNumericResult = 0x80;
@@ -335,9 +347,14 @@ int GetDBBody(const ByteView &value, CellNode *cell, ConvContext *ctx) {
   }
 }
 
+bool DbHeldValues::init(uint32_t lastRecord) {
+  lastRecord_ = lastRecord;
+  return byRecord_.alloc(size_t(lastRecord) + 1);
+}
+
 bool DbHeldValues::reserve(size_t n) {
-  if (!byRecord_ && !byRecord_.alloc(kRecordNumbers)) return false;
   if (n <= capacity_) return true;
+  n = std::max(n, 2 * capacity_);  // doubling: every value is copied O(1) times
   VtqPtr<Entry> bigger;
   if (!bigger.alloc(n)) return false;
   if (count_) std::memcpy(bigger.get(), entries_.get(), count_ * sizeof(Entry));
@@ -361,6 +378,7 @@ void DbHeldValues::keep() {
 }
 
 DbHeldValues::Entry *DbHeldValues::find(uint16_t record) const {
+  if (record > lastRecord_) return nullptr;
   const uint32_t i = byRecord_[record];
   return i ? &entries_[i - 1] : nullptr;
 }
@@ -377,12 +395,15 @@ void DbHeldValues::clear() {
 int dbGetCellData2(const ByteView &chunk, ConvContext *ctx, uint16_t column, uint32_t chunkNo, DbHeldValues &held) {
   const uint32_t count = chunk.u16(kChunkCountAt);
   if (count > kSlots) return kFormatError;
-  if (chunkNo >= kChunksNamed) return kOk;
+  // A chunk whose records the list does not reach holds nothing to show.
+  if (uint64_t(chunkNo) * kSlots > held.lastRecord()) return kOk;
+  if (!held.reserve(held.count() + count)) return kFormatError;
   uint32_t taken = 0;
   for (uint32_t s = 0; s < kSlots && taken < count; ++s) {
     const uint32_t off = chunk.u16(kChunkSlotsAt + 2 * size_t(s));
     if (off == 0) continue;  // an empty slot: the record has no value here
     ++taken;
+    if (chunkNo * kSlots + s > held.lastRecord()) break;  // values no row shows are not decoded
     DbHeldValues::Entry &e = held.next();
     e.cell.row = static_cast<uint16_t>(chunkNo * kSlots + s);
     e.cell.column = column;
@@ -437,6 +458,7 @@ namespace {
 struct RecordList {
   VtqPtr<uint16_t> numbers;
   uint32_t count = 0;
+  uint16_t lastRecord = 0;  // the highest record number the list shows
 };
 
 // Reads the record numbers of the list, row by row. 0, 12 or 3000.
@@ -448,7 +470,10 @@ int ReadRecordList(const ByteView &body, RecordList *list) {
   // Every entry starts within the body (bytes beyond it read as 0).
   if (r > 0 && kRecordEntriesAt + uint64_t(r - 1) * size > body.size()) return kFormatError;
   if (!list->numbers.alloc(r + 1)) return kNoMemory;
-  for (uint32_t i = 0; i < r; ++i) list->numbers[i] = body.u16(kRecordEntriesAt + size_t(i) * size);
+  for (uint32_t i = 0; i < r; ++i) {
+    list->numbers[i] = body.u16(kRecordEntriesAt + size_t(i) * size);
+    list->lastRecord = std::max(list->lastRecord, list->numbers[i]);
+  }
   list->count = r;
   return kOk;
 }
@@ -462,15 +487,12 @@ int ReadDbColumn(const ByteView &table, size_t *p, ConvContext *ctx, CellNode *h
   const uint32_t first = table.u16(*p + kColmFirstAt);
   const uint32_t flagCount = m >= kColmHeader ? (m - kColmHeader) / 4 : 0;
   if (flagCount > kMaxChunkFlags) return kFormatError;  // more chunks than a column may have
-  uint32_t stored = 0;
   for (uint32_t j = 0; j < flagCount; ++j) {
     const bool present = table.u32(*p + kColmFlagsAt + 4 * size_t(j)) != 0;
     chunks[j] = present ? int32_t(first + j) : -1;
-    stored += present;
   }
   if (uint64_t(m) + 4 > table.size() - *p) return kFormatError;
   *p += size_t(m) + 4;
-  if (!held.reserve(size_t(stored) * kSlots)) return kNoMemory;
   for (uint32_t j = 0; j < flagCount && *p < table.size(); ++j) {
     if (chunks[j] < 0) continue;  // an absent chunk: its records have no value here
     if (table.tagIs(*p + 4, "COLM")) break;  // the column stores fewer chunks than it flags
@@ -520,6 +542,7 @@ int dbCtabcov(const ByteView &recordList, ConvContext *ctx, const ByteView &valu
   if (table.size() == kColumnsAt || ctx->dbFieldCount == 0) return kOk;
 
   DbHeldValues held;
+  if (!held.init(list.lastRecord)) return kNoMemory;
   size_t p = kColumnsAt;
   // Sections beyond the flagged columns, or the field count, are not read.
   for (int k = 0; k < linked && k < ctx->dbFieldCount && p < table.size(); ++k) {

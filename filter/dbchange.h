@@ -45,7 +45,11 @@ class DbHeldValues {
   DbHeldValues(const DbHeldValues &) = delete;
   DbHeldValues &operator=(const DbHeldValues &) = delete;
   ~DbHeldValues() { clear(); }
-  // Room for n values of the next column; false when out of memory.
+  // Sets the store up for record numbers 0 to lastRecord; false when out
+  // of memory.
+  bool init(uint32_t lastRecord);
+  uint32_t lastRecord() const { return lastRecord_; }
+  // Room for n values; false when out of memory.
   bool reserve(size_t n);
   // A zeroed entry at the end, kept only by keep(); reserve() made room.
   Entry &next();
@@ -57,14 +61,15 @@ class DbHeldValues {
   void clear();
 
  private:
-  static constexpr size_t kRecordNumbers = 65536;  // records named by 16 bits
   VtqPtr<Entry> entries_;
-  VtqPtr<uint32_t> byRecord_;  // entry index + 1; 0: no value
+  VtqPtr<uint32_t> byRecord_;  // by record number: entry index + 1; 0: no value
+  uint32_t lastRecord_ = 0;
   size_t capacity_ = 0, count_ = 0;
 };
 
 // Holds the values of one chunk (`chunk` starts at its "CHNK" tag) of
-// field `column`, chunk number `chunkNo`. 0, 12 or 3000.
+// field `column`, chunk number `chunkNo`, as far as the record list
+// reaches. 0, 12, or 3000 (also when the store cannot grow).
 int dbGetCellData2(const ByteView &chunk, ConvContext *ctx, uint16_t column, uint32_t chunkNo, DbHeldValues &held);
 
 // Places the held values of one column into the chain that starts at

@@ -40,7 +40,6 @@ void FreeDbFields(ConvContext *ctx) {
   ctx->dbFields = nullptr;
 }
 
-namespace {
 void FreeCellTable(ConvContext *ctx) {
   CellNode *column = ctx->cells;
   while (column) {
@@ -55,7 +54,6 @@ void FreeCellTable(ConvContext *ctx) {
   }
   ctx->cells = nullptr;
 }
-}  // namespace
 
 int closeall(ConvContext *ctx) {
   if (!ctx) return kOk;

@@ -252,6 +252,9 @@ int initial(ConvContext **out);
 int closeall(ConvContext *ctx);
 // Frees the database field table with its names and extra data.
 void FreeDbFields(ConvContext *ctx);
+// Frees every column and node of the CellTable with their texts; cells
+// is null afterwards.
+void FreeCellTable(ConvContext *ctx);
 void GetEndian(ConvContext *ctx);
 
 // ---- Driver and stages. ----

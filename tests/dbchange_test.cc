@@ -243,6 +243,32 @@ TEST(DatabaseRecords, ColumnFlagsUpToTheFieldCountAndSurplusSections) {
 // A block's body: what follows its length word.
 kln::Bytes Body(const kln::Bytes &block) { return kln::Bytes(block.begin() + 4, block.end()); }
 
+TEST(DatabaseRecords, ASecondDataSetReplacesTheFirst) {
+  DbTable a, b;
+  a.fields = {Text("A"), Text("B")};
+  a.values[0] = {{0, kln::DbText("a0")}};
+  a.values[1] = {{0, kln::DbText("b0")}};
+  a.records = {0};
+  b.fields = {Text("C")};
+  b.values[0] = {{0, kln::DbText("c0")}, {1, kln::DbText("c1")}};
+  b.records = {1, 0};
+  kln::Document doc = kln::DbDocument(a);
+  doc.dataSets.push_back(b.build(2));
+  EXPECT_EQ(kln::RunStream(doc.build()).text, "\"C\"\n\"c1\"\n\"c0\"");
+}
+
+TEST(DatabaseRecords, ValuesOfRecordsNoRowShowsAreNotDecoded) {
+  DbTable t;
+  t.fields = {{"YN", 5}};
+  t.values[0] = {{0, kln::DbNumber(1)}, {1, kln::DbNumber(7)}, {900, kln::DbNumber(7)}};
+  t.records = {0};
+  const kln::Result r = kln::RunStream(kln::DbDocument(t).build());
+  EXPECT_EQ(r.code, 0);
+  EXPECT_EQ(r.text, "\"YN\"\n\"1\"");
+  t.records = {0, 900};
+  EXPECT_EQ(kln::RunStream(kln::DbDocument(t).build()).code, 3000);
+}
+
 // Documents refused, grouped by what is wrong; each from a valid table.
 TEST(DatabaseFailures, BadTablesAreRefused) {
   DbTable base;
