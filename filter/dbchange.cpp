@@ -257,25 +257,15 @@ int FixedText(const char *text, CellNode *cell) {
   return cell->text ? kOk : kNoMemory;
 }
 
-// The n-th entry (from 1) of a choice field's list: the first extra piece,
-// its length word P, then entries of one length byte and that many bytes
-// up to P + 4. No such entry leaves the cell without text.
-int ChoiceText(const DbField &f, double number, CellNode *cell) {
-  if (!(number >= 1.0 && number < 2147483648.0)) return kOk;
-  const int64_t n = static_cast<int64_t>(number);
+// The n-th entry (from 1) of a choice field's list as the cell's text; no
+// such entry leaves the cell without text.
+int ChoiceText(const DbField &f, const DbChoiceList &choices, double number, CellNode *cell) {
+  const double n = std::trunc(number);  // a fraction is cut toward zero
+  if (!(n >= 1.0 && n <= double(choices.count))) return kOk;
+  const uint32_t at = choices.starts[size_t(n) - 1];
   const ByteView extra(f.extra, size_t(f.extraLen));
-  const uint64_t end = std::min<uint64_t>(uint64_t(extra.u32(0)) + 4, extra.size());
-  uint64_t at = 4;
-  for (int64_t i = 1; at < end; ++i) {
-    const size_t len = extra.u8(at);
-    if (at + 1 + len > end) break;  // an entry cut by the list's end is none
-    if (i == n) {
-      cell->text = OwnedText(extra, at + 1, len);
-      return cell->text ? kOk : kNoMemory;
-    }
-    at += 1 + len;
-  }
-  return kOk;
+  cell->text = OwnedText(extra, at + 1, extra.u8(at));
+  return cell->text ? kOk : kNoMemory;
 }
 
 int ComputedValue(const DbField &f, const ByteView &value, CellNode *cell, const ConvContext *ctx) {
@@ -305,7 +295,18 @@ int ComputedValue(const DbField &f, const ByteView &value, CellNode *cell, const
 }
 }  // namespace
 
-int GetDBBody(const ByteView &value, CellNode *cell, ConvContext *ctx) {
+int dbChoiceIndex(const DbField &f, DbChoiceList *list) {
+  const ByteView extra(f.extra, f.extraLen > 0 ? size_t(f.extraLen) : 0);
+  const uint64_t end = std::min<uint64_t>(uint64_t(extra.u32(0)) + 4, extra.size());
+  list->count = 0;
+  // Every entry takes at least its length byte.
+  if (!list->starts.alloc(end > 4 ? size_t(end - 4) : 0)) return kNoMemory;
+  for (uint64_t at = 4; at < end && at + 1 + extra.u8(at) <= end; at += 1 + extra.u8(at))
+    list->starts[list->count++] = uint32_t(at);
+  return kOk;
+}
+
+int GetDBBody(const ByteView &value, CellNode *cell, ConvContext *ctx, const DbChoiceList &choices) {
   // The table has dbFieldCount + 1 elements, the last one zero.
   if (!ctx->dbFields || cell->column > kMaxFields || int32_t(cell->column) > ctx->dbFieldCount) return kFormatError;
   const DbField &f = ctx->dbFields[cell->column];
@@ -331,7 +332,7 @@ int GetDBBody(const ByteView &value, CellNode *cell, ConvContext *ctx) {
       cell->kind = kText;
       if (f.extraLen <= 4) return kFormatError;  // no list
       r = ValueNumber(value, ctx, &number);
-      return r != kOk ? r : ChoiceText(f, number, cell);
+      return r != kOk ? r : ChoiceText(f, choices, number, cell);
     case kYesNoField:
       cell->kind = kText;
       r = ValueNumber(value, ctx, &number);
@@ -392,7 +393,8 @@ void DbHeldValues::clear() {
   count_ = 0;
 }
 
-int dbGetCellData2(const ByteView &chunk, ConvContext *ctx, uint16_t column, uint32_t chunkNo, DbHeldValues &held) {
+int dbGetCellData2(const ByteView &chunk, ConvContext *ctx, uint16_t column, uint32_t chunkNo, DbHeldValues &held,
+                   const DbChoiceList &choices) {
   const uint32_t count = chunk.u16(kChunkCountAt);
   if (count > kSlots) return kFormatError;
   // A chunk whose records the list does not reach holds nothing to show.
@@ -407,7 +409,7 @@ int dbGetCellData2(const ByteView &chunk, ConvContext *ctx, uint16_t column, uin
     DbHeldValues::Entry &e = held.next();
     e.cell.row = static_cast<uint16_t>(chunkNo * kSlots + s);
     e.cell.column = column;
-    const int r = GetDBBody(chunk.sub(off, chunk.size()), &e.cell, ctx);
+    const int r = GetDBBody(chunk.sub(off, chunk.size()), &e.cell, ctx, choices);
     if (r == kDbNoValue) continue;
     if (r != kOk) {
       VTQ_free(e.cell.text);
@@ -493,13 +495,17 @@ int ReadDbColumn(const ByteView &table, size_t *p, ConvContext *ctx, CellNode *h
   }
   if (uint64_t(m) + 4 > table.size() - *p) return kFormatError;
   *p += size_t(m) + 4;
+  DbChoiceList choices;
+  const DbField &f = ctx->dbFields[column];
+  if ((f.fieldType == kChoiceField || f.fieldType == kChoiceField2) && dbChoiceIndex(f, &choices) != kOk)
+    return kNoMemory;
   for (uint32_t j = 0; j < flagCount && *p < table.size(); ++j) {
     if (chunks[j] < 0) continue;  // an absent chunk: its records have no value here
     if (table.tagIs(*p + 4, "COLM")) break;  // the column stores fewer chunks than it flags
     if (!table.tagIs(*p + 4, "CHNK")) return kFormatError;
     const uint32_t g = table.u32(*p);
     if (uint64_t(g) + 4 > table.size() - *p) return kFormatError;
-    const int r = dbGetCellData2(table.sub(*p + 4, g), ctx, column, uint32_t(chunks[j]), held);
+    const int r = dbGetCellData2(table.sub(*p + 4, g), ctx, column, uint32_t(chunks[j]), held, choices);
     if (r != kOk) return r;
     *p += size_t(g) + 4;
   }

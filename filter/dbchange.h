@@ -25,11 +25,24 @@ int GetDBStyle(const ByteView &block, int64_t length, ConvContext *ctx);
 // their length word first and their bodies as read. 0, 12 or 3000.
 int dbCtabcov(const ByteView &recordList, ConvContext *ctx, const ByteView &valueTable);
 
+// Where each entry of a choice field's list starts in the field's extra
+// data, so that a value finds its text in one step whatever the list's
+// length.
+struct DbChoiceList {
+  VtqPtr<uint32_t> starts;
+  uint32_t count = 0;
+};
+// Indexes the list of field f (the first extra piece: its length word P,
+// then entries of one length byte and that many bytes up to P + 4; an
+// entry cut by the list's end is none). 0 or 12.
+int dbChoiceIndex(const DbField &f, DbChoiceList *list);
+
 // Decodes one stored value (`value` starts at it and ends with its chunk)
-// of the field cell->column into cell's kind, value and text. 0, 12,
-// 3000, or kDbNoValue when the value holds nothing (no cell).
+// of the field cell->column into cell's kind, value and text; `choices`
+// is that field's list when it is a choice field. 0, 12, 3000, or
+// kDbNoValue when the value holds nothing (no cell).
 constexpr int kDbNoValue = -1;
-int GetDBBody(const ByteView &value, CellNode *cell, ConvContext *ctx);
+int GetDBBody(const ByteView &value, CellNode *cell, ConvContext *ctx, const DbChoiceList &choices);
 
 // The values of one column, keyed by record number from their chunk and
 // slot, held from the column's first chunk until it is placed in
@@ -70,7 +83,8 @@ class DbHeldValues {
 // Holds the values of one chunk (`chunk` starts at its "CHNK" tag) of
 // field `column`, chunk number `chunkNo`, as far as the record list
 // reaches. 0, 12, or 3000 (also when the store cannot grow).
-int dbGetCellData2(const ByteView &chunk, ConvContext *ctx, uint16_t column, uint32_t chunkNo, DbHeldValues &held);
+int dbGetCellData2(const ByteView &chunk, ConvContext *ctx, uint16_t column, uint32_t chunkNo, DbHeldValues &held,
+                   const DbChoiceList &choices);
 
 // Places the held values of one column into the chain that starts at
 // `head`: row i takes the value of records[i], rows ascending; a record
