@@ -130,8 +130,7 @@ int dbFieldSet(const ByteView &block, int64_t length, ConvContext *ctx) {
     const size_t e = kFieldEntriesAt + size_t(i) * size;
     DbField &f = ctx->dbFields[i];
     f.nameLen = body.u8(e + kNameLenAt);
-    // The name area holds 63 bytes; a longer name is refused with the
-    // out-of-memory code that hosts know for it.
+    // The name area holds 63 bytes; a longer name is refused with 12.
     if (f.nameLen > kMaxNameLen) return kNoMemory;
     f.name = OwnedText(body, e + kNameAt, f.nameLen);
     if (!f.name) return kNoMemory;
@@ -530,6 +529,8 @@ int dbCtabcov(const ByteView &recordList, ConvContext *ctx, const ByteView &valu
   if (r != kOk) return r;
   if (!table.tagIs(kCtabTagAt, "CTAB") || table.u32(kColumnSectionLengthAt) != kColumnSectionLength)
     return kFormatError;
+  // The records of an earlier data set give way to these.
+  if (ctx->cells->nextColumn && (r = EmptyCellTable(ctx)) != kOk) return r;
   ctx->colCount = static_cast<uint16_t>(ctx->dbFieldCount);
   ctx->rowCount = static_cast<uint16_t>(list.count);
 

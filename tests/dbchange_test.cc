@@ -255,6 +255,9 @@ TEST(DatabaseRecords, ASecondDataSetReplacesTheFirst) {
   kln::Document doc = kln::DbDocument(a);
   doc.dataSets.push_back(b.build(2));
   EXPECT_EQ(kln::RunStream(doc.build()).text, "\"C\"\n\"c1\"\n\"c0\"");
+  b.replace[1] = {};  // no fields of its own: the first one's stay
+  doc.dataSets[1] = b.build(2);
+  EXPECT_EQ(kln::RunStream(doc.build()).text, "\"A\",\"B\"\n\"c1\"\n\"c0\"");
 }
 
 TEST(DatabaseRecords, ValuesOfRecordsNoRowShowsAreNotDecoded) {
