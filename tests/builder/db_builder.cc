@@ -165,11 +165,7 @@ DataSet DbTable::build(uint16_t seq) const {
 }
 
 Document DbDocument(const DbTable &table, const StyleChain &styles) {
-  Document doc;
-  doc.header.docKind = 3;
-  doc.dataSets = {table.build()};
-  doc.trailer = styles.build();
-  return doc;
+  return TableDocument(3, table.build(), styles);
 }
 
 }  // namespace kln
