@@ -25,7 +25,6 @@ int initial(ConvContext **out) {
   return kOk;
 }
 
-namespace {
 void FreeDbFields(ConvContext *ctx) {
   for (int i = 0; i < ctx->dbFieldCount; ++i) {
     DbField &f = ctx->dbFields[i];
@@ -55,7 +54,6 @@ void FreeCellTable(ConvContext *ctx) {
   }
   ctx->cells = nullptr;
 }
-}  // namespace
 
 int closeall(ConvContext *ctx) {
   if (!ctx) return kOk;

@@ -177,6 +177,13 @@ class VtqBuffer {
     size_ = n;
     return true;
   }
+  // Hands the bytes over to the caller, who frees them with VTQ_free.
+  uint8_t *release() {
+    uint8_t *p = data_;
+    data_ = nullptr;
+    size_ = 0;
+    return p;
+  }
   uint8_t *data() const { return data_; }
   size_t size() const { return size_; }
 
@@ -243,6 +250,11 @@ inline void SetOleStateTotal(ConvContext *ctx, uint32_t v) {
 // ---- Context (klnmain.cpp). ----
 int initial(ConvContext **out);
 int closeall(ConvContext *ctx);
+// Frees the database field table with its names and extra data.
+void FreeDbFields(ConvContext *ctx);
+// Frees every column and node of the CellTable with their texts; cells
+// is null afterwards.
+void FreeCellTable(ConvContext *ctx);
 void GetEndian(ConvContext *ctx);
 
 // ---- Driver and stages. ----

@@ -14,15 +14,6 @@
 // for each of them a COLM record marking its present chunks (64 rows
 // each) followed by one CHNK record per present chunk.
 
-namespace {
-constexpr size_t kSsBufferSize = 8192;
-constexpr int kCellTableBuffer = 3;
-constexpr int kMaxSsBuffers = 257;
-constexpr size_t kCtabAt = 6, kCtabSize = 1036, kColumnsAt = 1042;
-constexpr uint32_t kCtabLength = 1032;
-constexpr int kMaxColumns = 256, kMaxChunks = 257;
-
-// Appends a zeroed node to the column list and makes it the tail.
 int LinkColumn(ConvContext *ctx, CellNode **tail, uint16_t column) {
   auto *node = static_cast<CellNode *>(VTQ_calloc(1, sizeof(CellNode)));
   if (!node) return kFormatError;
@@ -38,6 +29,22 @@ CellNode *ColumnListTail(ConvContext *ctx) {
   while (tail->nextColumn) tail = tail->nextColumn;
   return tail;
 }
+
+char *OwnedText(const ByteView &v, size_t at, size_t n) {
+  auto *t = static_cast<char *>(VTQ_malloc(n + 1));
+  if (!t) return nullptr;
+  v.copy(at, reinterpret_cast<uint8_t *>(t), n);
+  t[n] = '\0';
+  return t;
+}
+
+namespace {
+constexpr size_t kSsBufferSize = 8192;
+constexpr int kCellTableBuffer = 3;
+constexpr int kMaxSsBuffers = 257;
+constexpr size_t kCtabAt = 6, kCtabSize = 1036, kColumnsAt = 1042;
+constexpr uint32_t kCtabLength = 1032;
+constexpr int kMaxColumns = 256, kMaxChunks = 257;
 
 // Reads the chunks of the column at `p`; answers 0 or an error code and
 // advances p and remaining past them.
@@ -137,15 +144,6 @@ const char *const ssERR[10] = {"#ERROR!", "#N/A!", "#DIV/0!", "#VALUE!", "#NUM!"
 namespace {
 constexpr size_t kSlotsAt = 12;
 constexpr int kSlots = 64;
-
-// A copy of n bytes as an owned NUL-terminated string; null when out of memory.
-char *OwnedText(const ByteView &v, size_t at, size_t n) {
-  auto *t = static_cast<char *>(VTQ_malloc(n + 1));
-  if (!t) return nullptr;
-  v.copy(at, reinterpret_cast<uint8_t *>(t), n);
-  t[n] = '\0';
-  return t;
-}
 
 int SetText(CellNode *node, const ByteView &v, size_t at, size_t n) {
   char *t = OwnedText(v, at, n);

@@ -3,6 +3,15 @@
 
 #include "klnmain.h"
 
+// Appends a zeroed node to the column list: the old tail becomes the head
+// of `column`, the new node the tail. 3000 when the node cannot be had.
+int LinkColumn(ConvContext *ctx, CellNode **tail, uint16_t column);
+// The spare node that ends the column list.
+CellNode *ColumnListTail(ConvContext *ctx);
+// A copy of the n bytes at `at` of v (zeros beyond its end) as an owned
+// NUL-terminated string; null when out of memory.
+char *OwnedText(const ByteView &v, size_t at, size_t n);
+
 // Loads the first spreadsheet data set of a spreadsheet document into the
 // CellTable; answers 0x9700, 0x9800 or an error code.
 int GetSsDSET(ConvContext *ctx);

@@ -1,5 +1,6 @@
 #include "corpus.h"
 
+#include "db_builder.h"
 #include "ole_builder.h"
 #include "ss_builder.h"
 #include "vtq_txkln.h"
@@ -65,10 +66,36 @@ NamedDocument Drawing() {
   d.dataSets.push_back(drawing.build(2));
   return {"drawing", d.build(), KLN_FLAG_OLE_EXTRACT};
 }
+// A member list: every kind of field, records shown out of number order
+// across chunks, an absent chunk and empty slots, styled columns.
+NamedDocument Members() {
+  DbTable t;
+  DbFieldSpec pick{"Plan", 4};
+  pick.pieces = {ChoiceList({"basic", "\x93\xc1\x95\xca"}), Piece({})};
+  DbFieldSpec note{"Note", 0, 8, 0, 0x80};
+  note.pieces = {Piece(Str("n")), Piece(Str("m"))};
+  t.fields = {{"\x96\xbc\x91\x4f"}, {"Fee", 1, 7}, {"Joined", 2}, {"At", 3}, pick, {"Paid", 5}, {"Due", 7, 0, 2},
+              {"Tag", 8}, note};
+  for (uint32_t r : {0u, 1u, 70u, 200u}) {
+    t.values[0][r] = DbText("member " + std::to_string(r));
+    t.values[1][r] = DbNumber(1250.5 * r);
+    t.values[5][r] = DbNumber(r % 2);
+  }
+  t.values[2] = {{0, DbNumber(40000)}, {200, DbNumber(366)}};
+  t.values[3] = {{1, DbNumber(0.5)}};
+  t.values[4] = {{0, DbNumber(1)}, {70, DbNumber(2)}};
+  t.values[6] = {{0, DbComputedNumber(41000.25)}};
+  t.values[7] = {{0, DbComputedText("ok")}, {1, DbComputedError()}};
+  t.values[8] = {{70, DbText(std::string(260, 'x'))}};
+  t.records = {200, 70, 1, 0, 3};
+  t.styles = {{1, 1}, {2, 2}, {3, 3}};
+  const StyleChain styles{{{0, 0}, {1, 1}, {2, 2}, {3, 3}}, {{0, 0, 0, 0}, {4, 2, 1, 1}, {8, 0, 0, 0}, {15, 0, 0, 0}}};
+  return {"members", DbDocument(t, styles).build()};
+}
 }  // namespace
 
 std::vector<NamedDocument> Corpus() {
-  return {HeaderOnly(), StyleChainOnly(), SecondVariantWithScan(), Letter(), Budget(), Drawing()};
+  return {HeaderOnly(), StyleChainOnly(), SecondVariantWithScan(), Letter(), Budget(), Members(), Drawing()};
 }
 
 }  // namespace kln

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <stdexcept>
+#include <utility>
 
 namespace kln {
 
@@ -143,6 +144,14 @@ Bytes Document::build() const {
   for (const DataSet &d : dataSets) o.tag("DSET").raw(d.record()).raw(d.content);
   if (endWithFntm) o.tag("FNTM").raw(trailer);
   return o.done();
+}
+
+Document TableDocument(uint8_t docKind, DataSet set, const StyleChain &styles) {
+  Document doc;
+  doc.header.docKind = docKind;
+  doc.dataSets = {std::move(set)};
+  doc.trailer = styles.build();
+  return doc;
 }
 
 void WriteFile(const std::string &path, const Bytes &bytes) {

@@ -106,6 +106,9 @@ struct Document {
   Bytes build() const;
 };
 
+// A document of docKind holding one data set and the style chain after it.
+Document TableDocument(uint8_t docKind, DataSet set, const StyleChain &styles);
+
 void WriteFile(const std::string &path, const Bytes &bytes);
 
 }  // namespace kln

@@ -103,11 +103,7 @@ DataSet SsSheet::build(uint16_t seq) const {
 }
 
 Document SsDocument(const SsSheet &sheet, const StyleChain &styles) {
-  Document doc;
-  doc.header.docKind = 2;
-  doc.dataSets = {sheet.build()};
-  doc.trailer = styles.build();
-  return doc;
+  return TableDocument(2, sheet.build(), styles);
 }
 
 }  // namespace kln
