@@ -8,6 +8,7 @@
 // UTF-8 and stored in the document's character set, Windows-31J.
 #include <iconv.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -19,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "db_builder.h"
 #include "kln_builder.h"
 #include "ole_builder.h"
 #include "ss_builder.h"
@@ -110,6 +112,17 @@ kln::Header HeaderOf(const Description &d) {
     h.*(f->second) = std::move(text);
   }
   return h;
+}
+
+// The trimmed pieces of v between the separators.
+std::vector<std::string> Split(const std::string &v, char separator) {
+  std::vector<std::string> pieces;
+  for (size_t b = 0; b <= v.size();) {
+    const size_t e = std::min(v.find(separator, b), v.size());
+    pieces.push_back(Trim(v.substr(b, e - b)));
+    b = e + 1;
+  }
+  return pieces;
 }
 
 // Calls fn(value, line) for every entry called `key`.
@@ -223,6 +236,13 @@ void ParseStyle(const Description &d, int line, const std::string &v, std::map<s
   chain.cellStyles.push_back(style);
 }
 
+// The style chain of the "style" entries; style 0 writes general numbers.
+kln::StyleChain StylesOf(const Description &d, std::map<std::string, uint16_t> &names) {
+  kln::StyleChain chain{{{0, 0}}, {{}}};
+  ForEach(d, "style", [&](const std::string &v, int line) { ParseStyle(d, line, v, names, chain); });
+  return chain;
+}
+
 // Days from 1904-01-01, the day a cell's date value counts from.
 int32_t DaysSince1904(int y, int m, int d) {
   // Days from 1970-01-01 of a proleptic Gregorian date (H. Hinnant's algorithm).
@@ -232,6 +252,26 @@ int32_t DaysSince1904(int y, int m, int d) {
   const int doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
   const int doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
   return era * 146097 + doe - 719468 + 24107;  // 1904-01-01 is day -24107
+}
+
+// A date YYYY-MM-DD as days from 1904-01-01.
+bool ParseDate(const std::string &v, int32_t &days) {
+  int y = 0, m = 0, d = 0, used = 0;
+  if (std::sscanf(v.c_str(), "%4d-%2d-%2d%n", &y, &m, &d, &used) != 3 || used != static_cast<int>(v.size()))
+    return false;
+  days = DaysSince1904(y, m, d);
+  return true;
+}
+
+// A time HH:MM[:SS] as the fraction of a day.
+bool ParseTime(const std::string &v, double &dayFraction) {
+  int h = 0, m = 0, s = 0, used = 0;
+  if ((std::sscanf(v.c_str(), "%2d:%2d:%2d%n", &h, &m, &s, &used) != 3 &&
+       std::sscanf(v.c_str(), "%2d:%2d%n", &h, &m, &used) != 2) ||
+      used != static_cast<int>(v.size()))
+    return false;
+  dayFraction = (h * 3600 + m * 60 + s) / 86400.0;
+  return true;
 }
 
 // One cell of a row: text, "quoted text", TRUE/FALSE, a number, a date
@@ -248,7 +288,8 @@ std::optional<kln::SsCell> ParseCell(const Description &d, int line, uint16_t ro
     v = Trim(v.substr(0, at));
   }
   if (v.empty()) return std::nullopt;
-  int y = 0, mo = 0, da = 0, h = 0, mi = 0, se = 0, used = 0;
+  int32_t days = 0;
+  double dayFraction = 0;
   char *end = nullptr;
   const double number = std::strtod(v.c_str() + (v[0] == '=' ? 1 : 0), &end);
   const bool isNumber = *end == '\0' && end != v.c_str() + (v[0] == '=' ? 1 : 0);
@@ -256,12 +297,8 @@ std::optional<kln::SsCell> ParseCell(const Description &d, int line, uint16_t ro
     return kln::SsCell::Text(row, col, ToDocumentSet(d, line, v.substr(1, v.size() - 2)), style);
   if (v == "TRUE" || v == "FALSE") return kln::SsCell::Bool(row, col, v == "TRUE");
   if (v[0] == '=' && isNumber) return kln::SsCell::Formula(row, col, 2, kln::LeDouble(number), style);
-  if (std::sscanf(v.c_str(), "%4d-%2d-%2d%n", &y, &mo, &da, &used) == 3 && used == static_cast<int>(v.size()))
-    return kln::SsCell::Int32(row, col, DaysSince1904(y, mo, da), style);
-  if ((std::sscanf(v.c_str(), "%2d:%2d:%2d%n", &h, &mi, &se, &used) == 3 ||
-       std::sscanf(v.c_str(), "%2d:%2d%n", &h, &mi, &used) == 2) &&
-      used == static_cast<int>(v.size()))
-    return kln::SsCell::Float(row, col, (h * 3600 + mi * 60 + se) / 86400.0, style);
+  if (ParseDate(v, days)) return kln::SsCell::Int32(row, col, days, style);
+  if (ParseTime(v, dayFraction)) return kln::SsCell::Float(row, col, dayFraction, style);
   if (isNumber && number == std::floor(number) && std::fabs(number) <= 32767)
     return kln::SsCell::Int16(row, col, static_cast<int16_t>(number), style);
   if (isNumber && number == std::floor(number) && std::fabs(number) <= 2147483647.0)
@@ -276,21 +313,99 @@ std::optional<kln::SsCell> ParseCell(const Description &d, int line, uint16_t ro
 // one per row from the first.
 kln::Document BuildSheet(const Description &d) {
   std::map<std::string, uint16_t> styleNames;
-  kln::StyleChain chain{{{0, 0}}, {{}}};  // style 0: general numbers
-  ForEach(d, "style", [&](const std::string &v, int line) { ParseStyle(d, line, v, styleNames, chain); });
+  const kln::StyleChain chain = StylesOf(d, styleNames);
   kln::SsSheet sheet;
   uint16_t row = 0;
   ForEach(d, "row", [&](const std::string &v, int line) {
-    uint16_t col = 0;
-    for (size_t b = 0; b <= v.size(); ++col) {
-      const size_t e = std::min(v.find('|', b), v.size());
-      if (auto cell = ParseCell(d, line, row, col, Trim(v.substr(b, e - b)), styleNames)) sheet.cells.push_back(*cell);
-      b = e + 1;
-    }
+    const std::vector<std::string> cells = Split(v, '|');
+    for (size_t col = 0; col < cells.size(); ++col)
+      if (auto cell = ParseCell(d, line, row, static_cast<uint16_t>(col), cells[col], styleNames))
+        sheet.cells.push_back(*cell);
     ++row;
   });
   if (sheet.cells.empty()) Fail(d, 0, "a sheet needs at least one row with a cell");
   return WithProperties(kln::SsDocument(sheet, chain), d);
+}
+
+// ---- kind "database": a table of fields and records ----------------------
+
+// Field types by the names descriptions use.
+const std::map<std::string, uint8_t> kFieldTypes = {{"text", 0}, {"number", 1}, {"date", 2},
+                                                    {"time", 3}, {"choice", 4}, {"yesno", 5}};
+
+// "field NAME TYPE [@STYLE]", for a choice "field NAME choice A, B, … [@STYLE]".
+void ParseField(const Description &d, int line, std::string v, const std::map<std::string, uint16_t> &styles,
+                kln::DbTable &table, std::vector<std::vector<std::string>> &choices) {
+  const size_t at = v.rfind(" @");
+  const auto field = static_cast<uint16_t>(table.fields.size());
+  if (at != std::string::npos) {
+    const auto style = styles.find(Trim(v.substr(at + 2)));
+    if (style == styles.end()) Fail(d, line, "no style called '" + Trim(v.substr(at + 2)) + "'");
+    table.styles.emplace_back(field, style->second);
+    v = Trim(v.substr(0, at));
+  }
+  const size_t nameEnd = std::min(v.find_first_of(" \t"), v.size());
+  const std::string rest = Trim(v.substr(nameEnd));
+  const size_t typeEnd = std::min(rest.find_first_of(" \t"), rest.size());
+  const auto type = kFieldTypes.find(rest.substr(0, typeEnd));
+  if (type == kFieldTypes.end()) Fail(d, line, "field NAME text|number|date|time|choice|yesno [@STYLE]");
+  kln::DbFieldSpec definition(ToDocumentSet(d, line, v.substr(0, nameEnd)), type->second);
+  choices.emplace_back();
+  if (type->first == "choice") {
+    for (const std::string &entry : Split(rest.substr(typeEnd), ','))
+      choices.back().push_back(ToDocumentSet(d, line, entry));
+    definition.pieces = {kln::ChoiceList(choices.back()), kln::Piece({})};
+  }
+  table.fields.push_back(definition);
+}
+
+// One stored value of a record, as its field's type reads it: a choice by
+// its text, yes/no as TRUE or FALSE, dates and times as in a sheet.
+kln::Bytes DbValue(const Description &d, int line, const std::string &v, uint8_t type,
+                   const std::vector<std::string> &choices) {
+  int32_t days = 0;
+  double number = 0;
+  switch (type) {
+    case 1: number = std::strtod(v.c_str(), nullptr); break;
+    case 2:
+      if (!ParseDate(v, days)) Fail(d, line, "a date is YYYY-MM-DD: " + v);
+      number = days;
+      break;
+    case 3:
+      if (!ParseTime(v, number)) Fail(d, line, "a time is HH:MM[:SS]: " + v);
+      break;
+    case 4: {
+      const auto entry = std::find(choices.begin(), choices.end(), ToDocumentSet(d, line, v));
+      if (entry == choices.end()) Fail(d, line, "not one of the field's choices: " + v);
+      number = static_cast<double>(entry - choices.begin() + 1);  // the list counts from 1
+      break;
+    }
+    case 5: number = v == "TRUE"; break;
+    default: return kln::DbText(ToDocumentSet(d, line, v));
+  }
+  return kln::DbNumber(number);
+}
+
+// Entries: "style …" as in a sheet, "field …" (above), one per column, and
+// "record VALUE | VALUE | …", one per record in field order; an empty value
+// is left out.
+kln::Document BuildDatabase(const Description &d) {
+  std::map<std::string, uint16_t> styleNames;
+  const kln::StyleChain chain = StylesOf(d, styleNames);
+  kln::DbTable table;
+  std::vector<std::vector<std::string>> choices;  // per field
+  ForEach(d, "field", [&](const std::string &v, int line) { ParseField(d, line, v, styleNames, table, choices); });
+  uint16_t record = 0;
+  ForEach(d, "record", [&](const std::string &v, int line) {
+    const std::vector<std::string> values = Split(v, '|');
+    if (values.size() > table.fields.size()) Fail(d, line, "more values than fields");
+    for (size_t f = 0; f < values.size(); ++f)
+      if (!values[f].empty())
+        table.values[static_cast<uint16_t>(f)][record] = DbValue(d, line, values[f], table.fields[f].type, choices[f]);
+    table.records.push_back(record++);
+  });
+  if (table.fields.empty() || table.records.empty()) Fail(d, 0, "a database needs fields and records");
+  return WithProperties(kln::DbDocument(table, chain), d);
 }
 
 // Builders by the "kind" of a description. A new kind of sample is one
@@ -299,6 +414,7 @@ const std::map<std::string, kln::Document (*)(const Description &)> kBuilders = 
     {"text", BuildText},
     {"sheet", BuildSheet},
     {"drawing", BuildDrawing},
+    {"database", BuildDatabase},
 };
 
 std::string Stem(const std::string &path) {
@@ -317,7 +433,7 @@ int main(int argc, char **argv) {
   for (int i = 2; i < argc; ++i) {
     const Description d = Read(argv[i]);
     const auto builder = kBuilders.find(d.kind);
-    if (builder == kBuilders.end()) Fail(d, 0, "unknown kind '" + d.kind + "' (text, sheet or drawing)");
+    if (builder == kBuilders.end()) Fail(d, 0, "unknown kind '" + d.kind + "' (text, sheet, drawing or database)");
     kln::WriteFile(std::string(argv[1]) + "/" + Stem(argv[i]) + ".kln", builder->second(d).build());
   }
   return 0;

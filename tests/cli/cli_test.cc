@@ -75,6 +75,28 @@ TEST_F(Kln2txtTest, TextToStandardOutputIntoAFileAndFromStandardInput) {
   EXPECT_EQ(in.out, out.out);
 }
 
+// Each sample, as its description in samples/ has it.
+TEST_F(Kln2txtTest, Samples) {
+  const struct {
+    const char *name;
+    const char *firstLines;
+  } samples[] = {
+      {"letter", kLetterStart},
+      {"budget",
+       "\"費目\",\"予算\",\"実績\",\"差額\",\"達成率\"\n\"家賃\",\"\\360,000\",\"\\360,000\",\"\\0\",\"100.0%\"\n"},
+      {"notice", "大阪会議のご案内 / Osaka meeting\n\n日時 平成31年1月15日 10:30\n"},
+      {"addresses",
+       "\"氏名\",\"会社\",\"電話\",\"住所\",\"区分\",\"誕生日\",\"年賀状\"\n"
+       "\"山田 "
+       "太郎\",\"ロンドン商事\",\"03-1234-5678\",\"東京都千代田区丸の内1-1-1\",\"取引先\",\"1975年4月1日\",\"1\"\n"},
+  };
+  for (const auto &sample : samples) {
+    const Ran r = RunIn(dir, "'" + kSamples + "/" + sample.name + ".kln'");
+    EXPECT_EQ(r.status, 0) << sample.name;
+    EXPECT_EQ(r.out.rfind(sample.firstLines, 0), 0u) << r.out;
+  }
+}
+
 TEST_F(Kln2txtTest, OptionsReachTheFilter) {
   const Ran tab = Tool("--tab --no-quote --line-ends crlf budget.kln");
   EXPECT_EQ(tab.out.rfind("費目\t予算\t実績\t差額\t達成率\r\n家賃\t\\360,000\t", 0), 0u) << tab.out;
