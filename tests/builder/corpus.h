@@ -1,5 +1,5 @@
-// Named documents of every kind, shared by the hardening sweeps, the fuzz
-// seeds and the samples: each reader's builder contributes its own.
+// Named documents of every kind, shared by the hardening sweeps and the
+// fuzz seeds: each reader's builder contributes its own.
 #pragma once
 
 #include <string>
