@@ -114,21 +114,19 @@ KLN_API int GetProperty(const char *path, const FilterOptions *options,
 }
 #endif
 
+/* The records' layouts are fixed: hosts built with other compilers share them. */
 #ifdef __cplusplus
-static_assert(offsetof(FilterOptions, outCharset) == 0, "FilterOptions layout");
-static_assert(offsetof(FilterOptions, convOption) == 512, "FilterOptions layout");
-static_assert(offsetof(FilterOptions, flags) == 516, "FilterOptions layout");
-static_assert(offsetof(FilterOptions, tempFlags) == 520, "FilterOptions layout");
-static_assert(offsetof(FilterOptions, sizeLimit) == 524, "FilterOptions layout");
-static_assert(offsetof(FilterOptions, cellSeparator) == 528, "FilterOptions layout");
-static_assert(offsetof(KlnCharsetInfo, charsetCode) == 4, "KlnCharsetInfo layout");
+#define KLN_LAYOUT_CHECK static_assert
 #else
-_Static_assert(offsetof(FilterOptions, convOption) == 512, "FilterOptions layout");
-_Static_assert(offsetof(FilterOptions, flags) == 516, "FilterOptions layout");
-_Static_assert(offsetof(FilterOptions, tempFlags) == 520, "FilterOptions layout");
-_Static_assert(offsetof(FilterOptions, sizeLimit) == 524, "FilterOptions layout");
-_Static_assert(offsetof(FilterOptions, cellSeparator) == 528, "FilterOptions layout");
-_Static_assert(offsetof(KlnCharsetInfo, charsetCode) == 4, "KlnCharsetInfo layout");
+#define KLN_LAYOUT_CHECK _Static_assert
 #endif
+KLN_LAYOUT_CHECK(offsetof(FilterOptions, outCharset) == 0, "FilterOptions layout");
+KLN_LAYOUT_CHECK(offsetof(FilterOptions, convOption) == 512, "FilterOptions layout");
+KLN_LAYOUT_CHECK(offsetof(FilterOptions, flags) == 516, "FilterOptions layout");
+KLN_LAYOUT_CHECK(offsetof(FilterOptions, tempFlags) == 520, "FilterOptions layout");
+KLN_LAYOUT_CHECK(offsetof(FilterOptions, sizeLimit) == 524, "FilterOptions layout");
+KLN_LAYOUT_CHECK(offsetof(FilterOptions, cellSeparator) == 528, "FilterOptions layout");
+KLN_LAYOUT_CHECK(offsetof(KlnCharsetInfo, charsetCode) == 4, "KlnCharsetInfo layout");
+#undef KLN_LAYOUT_CHECK
 
 #endif
