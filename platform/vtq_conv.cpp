@@ -9,11 +9,11 @@
 #include <errno.h>
 #include <iconv.h>
 
-#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
 
+#include "vtq_charset_name.h"
 #include "vtq_rt.h"
 
 namespace {
@@ -167,15 +167,6 @@ struct Encoder {
   uint8_t asciiLen[128];  // 0: not representable
 };
 
-// "utf-8", "UTF8", "utf_8" … name the same set.
-void Normalise(const char *name, char *out, size_t size) {
-  size_t j = 0;
-  for (size_t i = 0; name[i] && j + 1 < size; ++i) {
-    if (name[i] != '-' && name[i] != '_') out[j++] = static_cast<char>(std::toupper(static_cast<unsigned char>(name[i])));
-  }
-  out[j] = '\0';
-}
-
 bool FastForm(const char *norm, Form *form, bool *bomForm) {
   static const struct {
     const char *name;
@@ -244,7 +235,7 @@ void OpenEncoder(Encoder *e, const char *name) {
   std::strncpy(e->name, name, 32);
   e->to = e->from = iconv_t(-1);
   char norm[40];
-  Normalise(name, norm, sizeof norm);
+  vtq::NormaliseCharsetName(name, norm, sizeof norm);
   e->defaultSubst = (std::strncmp(norm, "UTF", 3) == 0 || std::strncmp(norm, "UCS", 3) == 0) ? kReplacement : '?';
   if (FastForm(norm, &e->form, &e->bomForm)) {
     e->valid = true;

@@ -20,13 +20,13 @@
 #include <iconv.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
 
+#include "vtq_charset_name.h"
 #include "vtq_rt.h"
 
 struct VTQ_OLE {
@@ -220,13 +220,10 @@ void NestedOptions(const Sink &sink, FilterOptions *inner) {
   *inner = *sink.options;
   inner->flags &= ~KLN_FLAG_LOG;
   inner->convOption &= ~KLN_CONV_UTF8_BOM;
-  char norm[40];
-  size_t j = 0;
-  for (size_t i = 0; i < 32 && inner->outCharset[i] && j + 1 < sizeof norm; ++i) {
-    const char c = inner->outCharset[i];
-    if (c != '-' && c != '_') norm[j++] = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  }
-  norm[j] = '\0';
+  char name[33], norm[40];
+  std::memcpy(name, inner->outCharset, 32);
+  name[32] = '\0';
+  vtq::NormaliseCharsetName(name, norm, sizeof norm);
   if (std::strcmp(norm, "UTF16") == 0) std::strcpy(inner->outCharset, "UTF-16LE");
   if (std::strcmp(norm, "UTF32") == 0) std::strcpy(inner->outCharset, "UTF-32LE");
   if (sink.limitOn()) {
