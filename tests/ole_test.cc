@@ -58,18 +58,20 @@ kln::Result RunBoth(const Bytes &doc, const FilterOptions &opt) {
   return stream;
 }
 
-TEST_F(OleTest, PackagedTextsInEachCharacterSet) {
+TEST_F(OleTest, PackagedAndContentsTextsInEachCharacterSet) {
   const struct {
     const char *what;
-    std::string data, expected;
+    Bytes object;
+    std::string expected;
   } kCases[] = {
-      {"UTF-8 with its mark", "\xEF\xBB\xBF" "caf\xC3\xA9\r\nok", "caf\xC3\xA9\r\nok"},
-      {"Windows-31J", "\x93\xfa\x96\x7b\x8c\xea", "\xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E"},
-      {"Windows-1252", "caf\xE9 \x80" "5", "caf\xC3\xA9 \xE2\x82\xAC" "5"},
-      {"empty", "", ""},
+      {"UTF-8 with its mark", kln::PackagedObject(Str("\xEF\xBB\xBF" "caf\xC3\xA9\r\nok")), "caf\xC3\xA9\r\nok"},
+      {"Windows-31J", kln::PackagedObject(Str("\x93\xfa\x96\x7b\x8c\xea")), "\xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E"},
+      {"Windows-1252", kln::PackagedObject(Str("caf\xE9 \x80" "5")), "caf\xC3\xA9 \xE2\x82\xAC" "5"},
+      {"empty", kln::PackagedObject({}), ""},
+      {"CONTENTS stream", kln::CompoundFile({{"CONTENTS", Str("plain \x93\xfa")}}), "plain \xE6\x97\xA5"},
   };
   for (const auto &c : kCases) {
-    const kln::Result r = RunBoth(Doc({PackagedText(c.data)}), kln::Options("UTF-8", kExtract));
+    const kln::Result r = RunBoth(Doc({DrawingObject::Ole(c.object)}), kln::Options("UTF-8", kExtract));
     EXPECT_EQ(r.code, 0) << c.what;
     EXPECT_EQ(r.text, "abc\r" + c.expected + "xyz\r") << c.what;
   }
@@ -86,13 +88,6 @@ TEST_F(OleTest, ObjectTextTakesTheCallersChoices) {
   // A character the output set cannot hold is substituted as in the document's own text.
   const Bytes euro = Doc({PackagedText("\xE2\x82\xAC")}, "", "");
   EXPECT_EQ(RunBoth(euro, kln::Options("ISO-8859-1", kExtract)).text, " ?");
-}
-
-TEST_F(OleTest, ContentsStreamIsTakenAsText) {
-  const Bytes object = kln::CompoundFile({{"CONTENTS", Str("plain \x93\xfa")}});
-  const kln::Result r = RunBoth(Doc({DrawingObject::Ole(object)}), kln::Options("UTF-8", kExtract));
-  EXPECT_EQ(r.code, 0);
-  EXPECT_EQ(r.text, "abc\rplain \xE6\x97\xA5xyz\r");
 }
 
 TEST_F(OleTest, EmbeddedDocumentsComeOutThroughTheFilter) {

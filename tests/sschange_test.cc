@@ -32,8 +32,7 @@ struct Table {
 Table Load(const kln::Document &doc) {
   kln::OpenedContext ctx(doc.build());
   Table t{};
-  t.result = GetGlobalInfo(ctx.get());
-  if (t.result == 0) t.result = GetDSetInfo(ctx.get());
+  t.result = ctx.walk();
   for (const CellNode *head = ctx->cells; head; head = head->nextColumn) {
     t.heads.push_back(head->column);
     const CellNode *n = head;

@@ -25,8 +25,7 @@ Styles Load(const StyleChain &chain, uint8_t docKind = 2) {
   doc.dataSets[0].kind = 9;  // skipped: the walk ends behind "FNTM"
   doc.trailer = chain.build();
   kln::OpenedContext ctx(doc.build());
-  EXPECT_EQ(GetGlobalInfo(ctx.get()), 0);
-  EXPECT_EQ(GetDSetInfo(ctx.get()), 0);
+  EXPECT_EQ(ctx.walk(), 0);
   Styles s{};
   s.result = GetStyleInfo(ctx.get());
   for (int i = 0; i < ctx->styleMapCount; ++i) s.map.push_back(ctx->styleMap[i]);

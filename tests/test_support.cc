@@ -121,6 +121,11 @@ OpenedContext::~OpenedContext() {
   VTQ_StreamDestroy(stream_);
 }
 
+int OpenedContext::walk() {
+  const int r = GetGlobalInfo(ctx_);
+  return r == 0 ? GetDSetInfo(ctx_) : r;
+}
+
 Bytes OpenedContext::next(size_t n) {
   Bytes b(n);
   b.resize(VTQ_FileRead(b.data(), 1, n, ctx_->inFile));

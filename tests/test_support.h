@@ -80,6 +80,8 @@ class OpenedContext {
   ::ConvContext *get() const { return ctx_; }
   // The next n bytes of the input (fewer at its end).
   Bytes next(size_t n);
+  // The header walk, then the data-set walk when the header is read.
+  int walk();
   std::string text;
   FilterOptions options;
   KlnCharsetInfo charset;
