@@ -15,12 +15,7 @@ using kln::DbTable;
 
 namespace {
 
-struct Cell {
-  int row, column, kind;
-  double value;
-  std::string text;
-  bool operator==(const Cell &) const = default;
-};
+using Cell = kln::TableCell;
 
 struct Field {
   std::string name;

@@ -13,12 +13,7 @@ using kln::SsSheet;
 
 namespace {
 
-struct Cell {
-  int row, column, kind;
-  double value;
-  std::string text;
-  bool operator==(const Cell &) const = default;
-};
+using Cell = kln::TableCell;
 
 struct Table {
   int result;

@@ -13,6 +13,14 @@ struct ConvContext;
 
 namespace kln {
 
+// A present cell of the filter's cell table, as the reader tests compare them.
+struct TableCell {
+  int row, column, kind;
+  double value;
+  std::string text;
+  bool operator==(const TableCell &) const = default;
+};
+
 // Options with the output set and flag bits named; everything else zero.
 FilterOptions Options(const std::string &outCharset = "UTF-8", uint32_t flags = 0);
 KlnCharsetInfo Charset(uint16_t code = KLN_CHARSET_WINDOWS31J);
