@@ -27,22 +27,6 @@ std::vector<Bytes> DefaultPieces(const DbFieldSpec &f) {
   }
 }
 
-// One CHNK section (u32 length first) holding the values of chunk q.
-Bytes Chunk(const std::map<uint32_t, Bytes> &values, uint32_t q) {
-  std::vector<uint16_t> offsets(64, 0);
-  Out data;
-  uint16_t count = 0;
-  for (auto it = values.lower_bound(q * 64); it != values.end() && it->first < (q + 1) * 64; ++it) {
-    offsets[it->first % 64] = static_cast<uint16_t>(140 + data.size());
-    data.raw(it->second);
-    ++count;
-  }
-  Out c;
-  c.tag("CHNK").u16(count).zeros(6);
-  for (uint16_t off : offsets) c.u16(off);
-  c.raw(data.done());
-  return Block(c.done());
-}
 }  // namespace
 
 Bytes DbText(const std::string &text) {
@@ -89,22 +73,12 @@ Bytes DbTable::fieldBlock() const {
 }
 
 Bytes DbTable::valueTable() const {
-  Out body;
-  body.u16(0).u32(1032).tag("CTAB").zeros(4);
-  for (uint16_t c = 0; c < 256; ++c) body.u32(values.count(c) ? 1 : 0);
+  SlotRecords columns;
   for (const auto &[field, column] : values) {
-    std::map<uint32_t, bool> chunks;
-    for (const auto &[record, v] : column) chunks[record / 64] = true;
-    const uint32_t first = chunks.empty() ? 0 : chunks.begin()->first;
-    const uint32_t last = chunks.empty() ? 0 : chunks.rbegin()->first;
-    const uint32_t flags = chunks.empty() ? 0 : last - first + 1;
-    body.u32(8 + 4 * (flags + padChunkFlags)).tag("COLM").u16(first).u16(last);
-    for (uint32_t q = first; q < first + flags; ++q) body.u32(chunks.count(q) ? 1 : 0);
-    body.zeros(4 * size_t(padChunkFlags));
-    for (const auto &[q, present] : chunks) body.raw(Chunk(column, q));
+    auto &chunks = columns[field];
+    for (const auto &[record, v] : column) chunks[record / 64][static_cast<uint16_t>(record % 64)] = v;
   }
-  const Bytes b = body.done();
-  return Out().u32(static_cast<uint32_t>(b.size() + 4)).raw(b).done();
+  return CellTableBuffer(columns, 0, 0, padChunkFlags);
 }
 
 Bytes DbTable::recordList() const {

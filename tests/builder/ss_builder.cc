@@ -58,30 +58,23 @@ SsCell SsCell::Formula(uint16_t row, uint16_t col, uint8_t resultKind, const Byt
   return Make(row, col, 4, d.done(), style);
 }
 
-Bytes SsSheet::tableBuffer() const {
-  uint16_t maxCol = 0, maxRow = 0;
-  // column -> chunk -> slot -> cell
-  std::map<uint16_t, std::map<uint16_t, std::map<uint16_t, const SsCell *>>> columns;
-  for (const SsCell &c : cells) {
-    maxCol = std::max(maxCol, c.column);
-    maxRow = std::max(maxRow, c.row);
-    columns[c.column][c.row / 64][c.row % 64] = &c;
-  }
+Bytes CellTableBuffer(const SlotRecords &columns, uint16_t ctabColumn, uint16_t ctabRow, uint32_t padChunkFlags) {
   Out body;
   body.u16(0);  // count, not used
-  body.u32(1032).tag("CTAB").u16(lastColumn ? *lastColumn : maxCol).u16(lastRow ? *lastRow : maxRow);
+  body.u32(1032).tag("CTAB").u16(ctabColumn).u16(ctabRow);
   for (int i = 0; i < 256; ++i) body.u32(columns.count(static_cast<uint16_t>(i)) ? 1 : 0);
   for (const auto &[column, chunks] : columns) {
-    const uint16_t first = chunks.begin()->first, last = chunks.rbegin()->first;
-    body.u32(8 + 4u * (last - first + 1)).tag("COLM").u16(first).u16(last);
-    for (uint32_t q = first; q <= last; ++q) body.u32(chunks.count(static_cast<uint16_t>(q)) ? 1 : 0);
+    const uint32_t first = chunks.empty() ? 0 : chunks.begin()->first;
+    const uint32_t flags = chunks.empty() ? 0 : chunks.rbegin()->first - first + 1;
+    body.u32(8 + 4 * (flags + padChunkFlags)).tag("COLM").u16(first).u16(chunks.empty() ? 0 : first + flags - 1);
+    for (uint32_t q = first; q < first + flags; ++q) body.u32(chunks.count(q) ? 1 : 0);
+    body.zeros(4 * size_t(padChunkFlags));
     for (const auto &[chunk, slots] : chunks) {
       Out records;
       std::vector<uint16_t> offsets(64, 0);
-      for (const auto &[slot, cell] : slots) {
+      for (const auto &[slot, record] : slots) {
         offsets[slot] = static_cast<uint16_t>(140 + records.size());
-        records.u16(cell->recordLength ? *cell->recordLength : static_cast<uint16_t>(4 + cell->data.size()));
-        records.u8(cell->kind).u8(0).u16(cell->style).raw(cell->data);
+        records.raw(record);
       }
       Out chnk;
       chnk.tag("CHNK").u16(static_cast<uint32_t>(slots.size())).zeros(6);
@@ -92,6 +85,20 @@ Bytes SsSheet::tableBuffer() const {
   }
   const Bytes b = body.done();
   return Out().u32(static_cast<uint32_t>(b.size() + 4)).raw(b).done();
+}
+
+Bytes SsSheet::tableBuffer() const {
+  uint16_t maxCol = 0, maxRow = 0;
+  SlotRecords columns;
+  for (const SsCell &c : cells) {
+    maxCol = std::max(maxCol, c.column);
+    maxRow = std::max(maxRow, c.row);
+    Out record;
+    record.u16(c.recordLength ? *c.recordLength : static_cast<uint16_t>(4 + c.data.size()));
+    record.u8(c.kind).u8(0).u16(c.style).raw(c.data);
+    columns[c.column][c.row / 64][c.row % 64] = record.done();
+  }
+  return CellTableBuffer(columns, lastColumn ? *lastColumn : maxCol, lastRow ? *lastRow : maxRow);
 }
 
 DataSet SsSheet::build(uint16_t seq) const {

@@ -2,6 +2,7 @@
 // CHNK records and the cell records.
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -15,6 +16,15 @@ Bytes Extended(double d);
 Bytes Le16(uint16_t v);
 Bytes Le32(uint32_t v);
 Bytes LeDouble(double d);
+
+// The cell-table buffer of spreadsheets and databases alike: a count
+// word, CTAB with its two header words and 256 column flags, then per
+// column a COLM of chunk flags (padded with padChunkFlags zero flags) and a
+// CHNK per present chunk whose 64 slot offsets point at the slot records.
+// Its length word counts itself.
+using SlotRecords = std::map<uint16_t, std::map<uint32_t, std::map<uint16_t, Bytes>>>;  // column, chunk, slot
+Bytes CellTableBuffer(const SlotRecords &columns, uint16_t ctabColumn, uint16_t ctabRow,
+                      uint32_t padChunkFlags = 0);
 
 struct SsCell {
   uint16_t row = 0, column = 0;
