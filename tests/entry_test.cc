@@ -55,22 +55,6 @@ TEST(EntryPoints, NothingProducedGives3003AndRemovesOnlyInFileMode) {
   EXPECT_EQ(kln::RunStream(NotKln()).code, 3000);
 }
 
-TEST(EntryPoints, AllocationFailuresGive12WithoutLeaks) {
-  const Bytes doc = Document().build();
-  for (long n = 1;; ++n) {
-    VTQ_SetAllocFailAt(n);
-    const long before = VTQ_AllocCount();
-    const int code = kln::RunStream(doc).code;
-    const bool reached = VTQ_AllocCount() - before >= n;
-    VTQ_SetAllocFailAt(0);
-    if (!reached) {
-      EXPECT_EQ(code, 3003);
-      break;
-    }
-    EXPECT_TRUE(code == 12 || code == 3000) << "allocation " << n << " gave " << code;
-  }
-}
-
 struct LogCase {
   const char *name;
   uint8_t docKind;

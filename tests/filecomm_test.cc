@@ -80,14 +80,12 @@ TEST(CommWrite, SizeLimitCutsOnACharacterBoundaryAndStops) {
   EXPECT_EQ(w.ctx->totalOut, 15u);
   EXPECT_EQ(w.write("x"), -1);  // nothing is converted any more
   EXPECT_EQ(w.ctx->totalOut, 15u);
-}
 
-TEST(CommWrite, SizeLimitExactlyReachedGoesOn) {
-  Writer w("UTF-8", KLN_FLAG_SIZE_LIMIT, 6);
-  EXPECT_EQ(w.write("abcdef"), 6);
-  EXPECT_EQ(w.ctx->writeState, 0u);
-  EXPECT_EQ(w.write("g"), -1);
-  EXPECT_EQ(w.ctx.text, "abcdef");
+  Writer exact("UTF-8", KLN_FLAG_SIZE_LIMIT, 6);  // reaching the limit exactly goes on
+  EXPECT_EQ(exact.write("abcdef"), 6);
+  EXPECT_EQ(exact.ctx->writeState, 0u);
+  EXPECT_EQ(exact.write("g"), -1);
+  EXPECT_EQ(exact.ctx.text, "abcdef");
 }
 
 TEST(CommWrite, LineEndChoices) {

@@ -103,13 +103,10 @@ TEST(GlobalHeader, WalksToTheEndOfTheFixedTail) {
   EXPECT_EQ(c.headerVariant, 0);
   EXPECT_EQ(c.docKind, 2);
   EXPECT_EQ(after, (Bytes{0x12, 0x34}));
-}
-
-TEST(GlobalHeader, PrintTableAbove120EndsTheWalkEarly) {
-  Header h;
-  h.printTableFirst = 121;
-  Bytes after;
-  EXPECT_EQ(WalkHeader(WithCount(h), nullptr, &after), 0);
+  // A print table whose first word is above 120 ends the walk early.
+  Header early;
+  early.printTableFirst = 121;
+  EXPECT_EQ(WalkHeader(WithCount(early), nullptr, &after), 0);
   EXPECT_EQ(after, (Bytes{0x12, 0x34}));
 }
 
@@ -187,25 +184,20 @@ TEST(DataSetWalk, SkipsDataSetsWithoutReaderToFntm) {
   EXPECT_EQ(w.rest, kln::Str("after"));
 }
 
+// The walk ends after the announced count, 0 included: the data set
+// after it is read only as far as its tag, its record and "FNTM" stay.
 TEST(DataSetWalk, EndsAfterTheAnnouncedCount) {
-  Document d;
-  d.dataSets = {Unread(9), Unread(9)};
-  d.dsetCount = 1;
-  d.dataSets[1].seq = 1;
-  const Walk w = RunWalk(d.build());
-  EXPECT_EQ(w.result, 0);
-  EXPECT_EQ(w.dsetSeen, 2u);  // the skip read the second tag
-  EXPECT_EQ(w.rest.size(), 20u + 4u);  // its record and "FNTM" stay unread
-}
-
-TEST(DataSetWalk, CountZeroReadsNothing) {
-  Document d;
-  d.dataSets = {Unread(9)};
-  d.dsetCount = 0;
-  const Walk w = RunWalk(d.build());
-  EXPECT_EQ(w.result, 0);
-  EXPECT_EQ(w.dsetSeen, 1u);
-  EXPECT_EQ(w.rest.size(), 24u);
+  for (uint16_t count : {0, 1}) {
+    Document d;
+    d.dataSets = {Unread(9), Unread(9)};
+    d.dataSets[1].seq = 1;
+    d.dataSets.resize(count + 1);
+    d.dsetCount = count;
+    const Walk w = RunWalk(d.build());
+    EXPECT_EQ(w.result, 0) << count;
+    EXPECT_EQ(w.dsetSeen, count + 1u) << count;
+    EXPECT_EQ(w.rest.size(), 20u + 4u) << count;
+  }
 }
 
 TEST(DataSetWalk, FindsTheFirstTagByScanning) {
