@@ -2,6 +2,7 @@
 // process of its own, so that one that crashes the filter or never ends
 // costs only itself: the parent keeps up to -j workers running, kills a
 // worker after --timeout, and tells how every document ended.
+#include <ftw.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -64,30 +65,24 @@ std::vector<Job> PlanJobs(const Settings &s) {
   return jobs;
 }
 
-// The test-only switch KLN2TXT_TEST_FAULT=crash:NAME or hang:NAME makes the
-// worker for the file whose base name is NAME crash or hang, so that the
-// isolation of the workers can be tested.
-void InjectTestFault(const std::string &input) {
-  const char *fault = std::getenv("KLN2TXT_TEST_FAULT");
-  if (!fault) return;
-  const std::string_view f(fault);
-  const size_t colon = f.find(':');
-  if (colon == std::string_view::npos || f.substr(colon + 1) != BaseName(input)) return;
-  if (f.substr(0, colon) == "crash") {
-    signal(SIGSEGV, SIG_DFL);  // past any sanitizer's handler
-    raise(SIGSEGV);
-  } else if (f.substr(0, colon) == "hang") {
-    for (;;) pause();
-  }
+// Removes a folder and everything in it.
+void RemoveTree(const std::string &path) {
+  nftw(
+      path.c_str(), [](const char *p, const struct stat *, int, FTW *) { return remove(p); }, 8, FTW_DEPTH | FTW_PHYS);
 }
 
-[[noreturn]] void RunWorker(const Settings &s, const Job &job, const sigset_t &mask) {
+// A worker converts one document in a process group of its own (so that
+// killing the group ends whatever it started) with a temporary folder of
+// its own (so that the parent can remove whatever it left there), and
+// reports the document itself: it knows the paths and reasons.
+[[noreturn]] void RunWorker(const Settings &s, const Job &job, const std::string &tmp, const sigset_t &mask) {
+  setpgid(0, 0);
+  setenv("TMPDIR", tmp.c_str(), 1);
   sigprocmask(SIG_SETMASK, &mask, nullptr);
-  InjectTestFault(job.input);
-  int code = 0;
-  const Outcome outcome = ConvertDocument(s, job.input, job.output, code);
+  const Result r = ConvertDocument(s, job.input, job.output);
+  Report(job.input, r, s);
   std::fflush(nullptr);
-  _exit(kWorkerExitBase + static_cast<int>(outcome));
+  _exit(kWorkerExitBase + static_cast<int>(r.outcome));
 }
 
 // How a worker ended, from its wait status.
@@ -152,30 +147,42 @@ class Batch {
  public:
   Batch(const Settings &s, std::vector<Job> jobs) : s_(s), jobs_(std::move(jobs)), progress_(jobs_.size()) {}
 
-  // Answers the gravest exit status of the documents.
+  // Answers the gravest exit status of the documents, or 128 plus the stop
+  // signal that ended the batch.
   int run() {
-    // SIGCHLD stays pending while blocked, so that waitForWorker wakes up
-    // for a worker that ended at any time since the last look.
-    sigemptyset(&childEnded_);
-    sigaddset(&childEnded_, SIGCHLD);
-    sigprocmask(SIG_BLOCK, &childEnded_, &callerMask_);
-    while (next_ < jobs_.size() || !running_.empty()) {
+    // SIGCHLD and the stop signals stay pending while blocked, so that
+    // waitForEvent wakes up for any of them since the last look. They stay
+    // blocked to the end: once the summary is out, the run is over.
+    sigemptyset(&watched_);
+    sigaddset(&watched_, SIGCHLD);
+    for (int sig : kStopSignals) sigaddset(&watched_, sig);
+    sigprocmask(SIG_BLOCK, &watched_, &callerMask_);
+    tmp_ = TempFolder() + "/kln2txt-XXXXXX";
+    if (!mkdtemp(tmp_.data())) {
+      std::fprintf(stderr, "kln2txt: %s: cannot make a temporary folder: %s\n", tmp_.c_str(), std::strerror(errno));
+      return kExitFailed;
+    }
+    int stop = 0;
+    while (!stop && (next_ < jobs_.size() || !running_.empty())) {
       const bool started = startWorkers();
       const bool reaped = reapWorkers();
       if ((started || reaped) && !running_.empty()) progress_.show(done_, BaseName(jobs_[running_.front().job].input));
-      if (!reaped && !running_.empty()) waitForWorker();
+      stop = waitForEvent(reaped || running_.empty());
     }
-    sigprocmask(SIG_SETMASK, &callerMask_, nullptr);
+    if (!stop) stop = waitForEvent(true);
+    if (stop) interrupt(stop);
+    RemoveTree(tmp_);
     progress_.clear();
     summary_.write(jobs_.size());
-    return status_;
+    return stop ? 128 + stop : status_;
   }
 
  private:
-  // Sleeps until a worker ends, the first running worker's --timeout
-  // passes, or a second has gone by.
-  void waitForWorker() const {
-    auto wait = std::chrono::nanoseconds(std::chrono::seconds(1));
+  // Sleeps until a worker ends, a stop signal comes, the first running
+  // worker's --timeout passes or a second has gone by (no time at all with
+  // `poll`). Answers the stop signal, or 0.
+  int waitForEvent(bool poll) const {
+    auto wait = std::chrono::nanoseconds(poll ? std::chrono::seconds(0) : std::chrono::seconds(1));
     if (s_.timeoutSeconds) {
       for (const Worker &w : running_) {
         if (w.killed) continue;
@@ -187,19 +194,27 @@ class Batch {
     timespec ts{};
     ts.tv_sec = static_cast<time_t>(wait.count() / 1000000000);
     ts.tv_nsec = static_cast<long>(wait.count() % 1000000000);
-    sigtimedwait(&childEnded_, nullptr, &ts);
+    const int sig = sigtimedwait(&watched_, nullptr, &ts);
+    return sig > 0 && sig != SIGCHLD ? sig : 0;
   }
+
+  std::string workerTmp(size_t job) const { return tmp_ + "/" + std::to_string(job); }
 
   bool startWorkers() {
     const size_t first = next_;
     for (; running_.size() < s_.jobs && next_ < jobs_.size(); ++next_) {
+      const std::string tmp = workerTmp(next_);
       std::fflush(nullptr);  // nothing buffered may be written twice
-      const pid_t pid = fork();
-      if (pid == 0) RunWorker(s_, jobs_[next_], callerMask_);
-      if (pid < 0)
-        finish(next_, Outcome::kWorkerLost, std::string("cannot start a worker: ") + std::strerror(errno));
-      else
-        running_.push_back({pid, next_, Clock::now()});
+      const pid_t pid = mkdir(tmp.c_str(), 0700) == 0 ? fork() : -1;
+      if (pid == 0) RunWorker(s_, jobs_[next_], tmp, callerMask_);
+      if (pid < 0) {
+        const std::string detail = std::string("cannot start a worker: ") + std::strerror(errno);
+        finish(next_, Outcome::kWorkerLost, &detail);
+        rmdir(tmp.c_str());
+        continue;
+      }
+      setpgid(pid, pid);  // the worker does the same: whichever runs first
+      running_.push_back({pid, next_, Clock::now()});
     }
     return next_ != first;
   }
@@ -214,13 +229,16 @@ class Batch {
       if (waitpid(w->pid, &wstatus, WNOHANG) == w->pid) {
         std::string detail;
         const Outcome outcome = WorkerOutcome(*w, wstatus, s_.timeoutSeconds, detail);
-        finish(w->job, outcome, detail.empty() ? DetailOf(outcome, -1, s_) : detail);
+        removeLeftovers(*w);
+        // A worker that got to the end reported its document itself.
+        const bool lost = outcome == Outcome::kCrashed || outcome == Outcome::kTimedOut || outcome == Outcome::kWorkerLost;
+        finish(w->job, outcome, lost ? &detail : nullptr);
         w = running_.erase(w);
         reaped = true;
         continue;
       }
       if (s_.timeoutSeconds && !w->killed && Clock::now() - w->started >= timeout) {
-        kill(w->pid, SIGKILL);
+        kill(-w->pid, SIGKILL);
         w->killed = true;
       }
       ++w;
@@ -228,25 +246,45 @@ class Batch {
     return reaped;
   }
 
-  void finish(size_t job, Outcome outcome, const std::string &detail) {
+  // Ends the batch at stop signal `sig`: every running worker is killed and
+  // collected, and every document not converted counts as interrupted.
+  void interrupt(int sig) {
+    for (const Worker &w : running_) kill(-w.pid, SIGKILL);
+    for (const Worker &w : running_) {
+      waitpid(w.pid, nullptr, 0);
+      removeLeftovers(w);
+      const std::string detail = strsignal(sig);
+      finish(w.job, Outcome::kInterrupted, &detail);
+    }
+    running_.clear();
+    for (; next_ < jobs_.size(); ++next_) summary_.add(Outcome::kInterrupted);
+  }
+
+  // What a worker may have left when it did not get to the end: its
+  // output not yet whole, and its temporary folder.
+  void removeLeftovers(const Worker &w) const {
+    unlink(PartialName(jobs_[w.job].output, w.pid).c_str());
+    RemoveTree(workerTmp(w.job));
+  }
+
+  // Counts the outcome; reports it with its detail, if given.
+  void finish(size_t job, Outcome outcome, const std::string *detail) {
     ++done_;
-    // A worker that did not finish leaves no half-written output behind.
-    if (outcome == Outcome::kCrashed || outcome == Outcome::kTimedOut || outcome == Outcome::kWorkerLost)
-      unlink(jobs_[job].output.c_str());
     progress_.clear();
-    Report(jobs_[job].input, outcome, detail);
+    if (detail) Report(jobs_[job].input, outcome, *detail);
     summary_.add(outcome);
     status_ = GravestStatus(status_, ExitStatusOf(outcome));
   }
 
   const Settings &s_;
   const std::vector<Job> jobs_;
+  std::string tmp_;  // the workers' temporary folders are in here
   std::vector<Worker> running_;
   Summary summary_;
   Progress progress_;
   int status_ = kExitOk;
   size_t next_ = 0, done_ = 0;
-  sigset_t childEnded_, callerMask_;
+  sigset_t watched_, callerMask_;
 };
 
 }  // namespace

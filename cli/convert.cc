@@ -1,12 +1,13 @@
-// One document: its text to standard output (stream mode) or into a file
-// (file mode), its properties, or both as one JSON object.
-#include <fcntl.h>
+// One document: its text, its properties, or both as one JSON object, to
+// standard output or into a file.
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 #include <vector>
 
 #include "kln2txt.h"
@@ -19,56 +20,6 @@ const Property kProperties[6] = {{"title", KLN_PROP_TITLE},       {"author", KLN
                                  {"class", KLN_PROP_CLASS},       {"version", KLN_PROP_VERSION}};
 
 namespace {
-
-// A private copy of an input the filter cannot open by its own name:
-// standard input (the reader seeks) or a path of KLN_MAX_PATH bytes or more.
-// The copy is removed at destruction.
-class InputCopy {
- public:
-  InputCopy() = default;
-  ~InputCopy() {
-    if (!path_.empty()) unlink(path_.c_str());
-  }
-  InputCopy(const InputCopy &) = delete;
-  InputCopy &operator=(const InputCopy &) = delete;
-
-  // Copies `input` ("-" for standard input). Answers false on failure, with
-  // errno set.
-  bool make(const std::string &input) {
-    const char *dir = std::getenv("TMPDIR");
-    std::string name = std::string(dir && *dir ? dir : "/tmp") + "/kln2txt-XXXXXX";
-    if (name.size() >= KLN_MAX_PATH) name = "/tmp/kln2txt-XXXXXX";
-    const int to = mkstemp(name.data());
-    if (to < 0) return false;
-    path_ = name;
-    const int from = input == "-" ? STDIN_FILENO : open(input.c_str(), O_RDONLY);
-    bool ok = from >= 0 && Copy(from, to);
-    const int saved = errno;
-    if (from > STDIN_FILENO) close(from);
-    ok = close(to) == 0 && ok;
-    errno = saved;
-    return ok;
-  }
-  const std::string &path() const { return path_; }
-
- private:
-  static bool Copy(int from, int to) {
-    char buf[65536];
-    for (ssize_t n; (n = read(from, buf, sizeof buf)) != 0;) {
-      if (n < 0) {
-        if (errno == EINTR) continue;
-        return false;
-      }
-      for (ssize_t done = 0; done < n;) {
-        const ssize_t w = write(to, buf + done, static_cast<size_t>(n - done));
-        if (w < 0 && errno != EINTR) return false;
-        if (w > 0) done += w;
-      }
-    }
-    return true;
-  }
-  std::string path_;
-};
 
 // The six properties of `path` in the output set of `options`; false when
 // the header cannot be read.
@@ -108,14 +59,6 @@ int StreamText(const std::string &path, VTQ_STREAM *stream, const Settings &s, c
   return code;
 }
 
-// Opens where a listing goes: standard output, or the file outPath.
-FILE *OpenListing(const std::string &outPath) { return outPath.empty() ? stdout : std::fopen(outPath.c_str(), "wb"); }
-
-bool CloseListing(FILE *out) {
-  if (out == stdout) return std::fflush(out) == 0;
-  return std::fclose(out) == 0;
-}
-
 long Discard(void *, const void *, long len) { return len; }
 
 // Why the filter answered 3000 (read, format, conversion or write failure)
@@ -132,17 +75,30 @@ Outcome DiagnoseFormatFailure(const std::string &path, const Settings &s) {
   return Outcome::kDamaged;
 }
 
+// "name: value" lines of the six properties.
+std::string PropertyLines(const std::vector<std::string> &values) {
+  std::string lines;
+  for (size_t i = 0; i < 6; ++i) lines += std::string(kProperties[i].name) + ": " + values[i] + "\n";
+  return lines;
+}
+
 // --properties: "name: value" lines in the output character set. A text
 // that set cannot take leaves its field empty; kNotConvertible tells so.
-Outcome WriteProperties(const std::string &path, const Settings &s, FILE *out, int &code) {
+// A set whose characters hold zero bytes cannot pass through the filter's
+// NUL-terminated record: the lines are read in UTF-8 and recoded whole.
+Outcome WriteProperties(const std::string &path, const Settings &s, Output &out, int &code) {
+  const bool wide = HoldsZeroBytes(s.filter.outCharset);
   std::vector<std::string> values, inUtf8;
-  if (!ReadProperties(path, s.filter, s.charset, values)) {
+  if (!ReadProperties(path, wide ? InUtf8(s.filter) : s.filter, s.charset, values)) {
     code = KLN_ERR_FORMAT;
     return DiagnoseFormatFailure(path, s);
   }
   code = KLN_OK;
-  for (size_t i = 0; i < 6; ++i) std::fprintf(out, "%s: %s\n", kProperties[i].name, values[i].c_str());
-  if (std::find(values.begin(), values.end(), "") == values.end() ||
+  const std::string lines = PropertyLines(values);
+  std::string recoded;
+  if (wide && !Recode(lines, s.filter.outCharset, recoded)) return Outcome::kNotConvertible;
+  out.write(wide ? recoded.data() : lines.data(), wide ? recoded.size() : lines.size());
+  if (wide || std::find(values.begin(), values.end(), "") == values.end() ||
       !ReadProperties(path, InUtf8(s.filter), s.charset, inUtf8))
     return Outcome::kConverted;
   for (size_t i = 0; i < 6; ++i)
@@ -152,7 +108,7 @@ Outcome WriteProperties(const std::string &path, const Settings &s, FILE *out, i
 
 // --json: {"file", "properties", "text", "result", "message"} on one line;
 // answers the result code of the text and its outcome.
-int WriteJson(const std::string &path, const std::string &name, const Settings &s, FILE *out, Outcome &outcome) {
+int WriteJson(const std::string &path, const std::string &name, const Settings &s, Output &out, Outcome &outcome) {
   const FilterOptions options = InUtf8(s.filter);
   std::vector<std::string> values;
   const bool headerReadable = ReadProperties(path, options, s.charset, values);
@@ -172,55 +128,79 @@ int WriteJson(const std::string &path, const std::string &name, const Settings &
   }
   json += ",\"text\":" + JsonString(text) + ",\"result\":" + std::to_string(code) +
           ",\"message\":" + JsonString(OutcomeText(outcome)) + "}\n";
-  std::fwrite(json.data(), 1, json.size(), out);
+  out.write(json.data(), json.size());
   return code;
 }
 
-// Writes the properties or the JSON object of `path` to outPath (or
-// standard output).
-Outcome WriteListing(const std::string &path, const std::string &name, const Settings &s, const std::string &outPath,
-                     int &code) {
-  FILE *out = OpenListing(outPath);
-  if (!out) {
-    code = KLN_ERR_OPEN;
-    return Outcome::kCannotOpen;
+// The text of `path`. An embedded object without readable text fails the
+// document only with --ole-strict: otherwise the document is converted
+// again passing such objects over. The filter does not tell which object
+// failed, but the second run writes the same bytes up to it, so those are
+// not written twice.
+Result WriteText(const std::string &path, const std::string &name, const Settings &s, Output &out) {
+  int code = StreamText(path, VTQ_StreamCreate(Output::Write, &out), s, s.filter);
+  if (code == KLN_ERR_OLE_FAILED && !s.oleStrict) {
+    FilterOptions passOver = s.filter;
+    passOver.flags |= KLN_FLAG_OLE_CONTINUE;
+    out.rewrite();
+    code = StreamText(path, VTQ_StreamCreate(Output::Write, &out), s, passOver);
+    Warn(name, "an embedded object without readable text was passed over (--ole-strict fails the document)");
   }
-  Outcome outcome = Outcome::kConverted;
-  if (s.json) {
-    code = WriteJson(path, name, s, out, outcome);
-  } else {
-    outcome = WriteProperties(path, s, out, code);
+  const Outcome outcome = OutcomeOf(code);
+  if (outcome != Outcome::kDamaged || out.failed()) return {outcome, code, {}, 0};
+  return {DiagnoseFormatFailure(path, s), code, {}, 0};
+}
+
+// The filter writes its log beside the file it reads, as NAME.KLN.log:
+// opened here first so that a failure names the log and its reason. A
+// private copy has no place beside the input for it.
+Result OpenLog(const std::string &name, const Input &in) {
+  const std::string log = name + ".KLN.log";
+  if (log.size() >= KLN_MAX_PATH) return {Outcome::kLogFailed, 0, log, ENAMETOOLONG};
+  if (in.isCopy()) return {Outcome::kLogFailed, 0, log, ESPIPE};  // a pipe: the log would be beside the copy
+  FILE *f = std::fopen(log.c_str(), "a");
+  if (!f) return {Outcome::kLogFailed, 0, log, errno};
+  std::fclose(f);
+  return {};
+}
+
+// The test-only switch KLN2TXT_TEST_FAULT=crash:NAME or hang:NAME makes the
+// conversion of the file whose base name is NAME crash or hang once its
+// output is open, so that workers and stop signals can be tested.
+void InjectTestFault(const std::string &input) {
+  const char *fault = std::getenv("KLN2TXT_TEST_FAULT");
+  if (!fault) return;
+  const std::string_view f(fault);
+  const size_t colon = f.find(':');
+  const size_t slash = input.find_last_of('/');
+  const std::string base = slash == std::string::npos ? input : input.substr(slash + 1);
+  if (colon == std::string_view::npos || f.substr(colon + 1) != base) return;
+  if (f.substr(0, colon) == "crash") {
+    signal(SIGSEGV, SIG_DFL);  // past any sanitizer's handler
+    raise(SIGSEGV);
+  } else if (f.substr(0, colon) == "hang") {
+    for (;;) pause();
   }
-  return CloseListing(out) ? outcome : Outcome::kWriteFailed;
 }
 
 }  // namespace
 
-Outcome ConvertDocument(const Settings &s, const std::string &input, const std::string &outPath, int &code) {
-  code = KLN_OK;
-  // The filter copies paths into buffers of KLN_MAX_PATH bytes.
-  if (outPath.size() >= KLN_MAX_PATH) return Outcome::kPathTooLong;
-  InputCopy copy;
-  if (input == "-" || input.size() >= KLN_MAX_PATH) {
-    if (!copy.make(input)) {
-      code = KLN_ERR_OPEN;
-      return Outcome::kCannotOpen;
-    }
-  }
-  const std::string &path = copy.path().empty() ? input : copy.path();
-  if (s.properties || s.json) return WriteListing(path, input, s, outPath, code);
-
-  bool written = true;
-  if (outPath.empty()) {
-    std::fflush(stdout);
-    code = StreamText(path, VTQ_StreamCreateFile(stdout), s, s.filter);
-    written = std::fflush(stdout) == 0 && !std::ferror(stdout);
+Result ConvertDocument(const Settings &s, const std::string &input, const std::string &outPath) {
+  Input in;
+  Output out;
+  Result r = in.open(input);
+  if (r.outcome == Outcome::kConverted) r = out.open(outPath, in.status());
+  if (r.outcome == Outcome::kConverted && (s.filter.flags & KLN_FLAG_LOG)) r = OpenLog(input, in);
+  if (r.outcome != Outcome::kConverted) return r;
+  InjectTestFault(input);
+  if (s.properties) {
+    r.outcome = WriteProperties(in.path(), s, out, r.code);
+  } else if (s.json) {
+    r.code = WriteJson(in.path(), input, s, out, r.outcome);
   } else {
-    code = GetTextWithErrCallback(path.c_str(), outPath.c_str(), &s.filter, &s.charset, nullptr);
+    r = WriteText(in.path(), input, s, out);
   }
-  if (!written) return Outcome::kWriteFailed;
-  const Outcome outcome = OutcomeOf(code);
-  return outcome == Outcome::kDamaged ? DiagnoseFormatFailure(path, s) : outcome;
+  return out.finish(r);
 }
 
 }  // namespace kln2txt

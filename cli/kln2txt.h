@@ -3,6 +3,9 @@
 // stream API, and turns KLN documents into text for people and scripts.
 #pragma once
 
+#include <sys/stat.h>
+#include <sys/types.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -25,6 +28,7 @@ struct Settings {
   unsigned timeoutSeconds = 60;
   bool properties = false;  // --properties instead of the text
   bool json = false;        // one JSON object per document
+  bool oleStrict = false;   // an object without readable text fails the document
   std::vector<std::string> files;
 };
 
@@ -46,14 +50,28 @@ enum class Outcome : uint8_t {
   kTextBlock,       // 25
   kOleRefused,      // 3004
   kOleFailed,       // 4001
-  kPathTooLong,     // a path the filter cannot take
-  kWriteFailed,     // standard output or the listing could not be written
+  kInputFailed,     // the input cannot be opened or read
+  kOutputFailed,    // the output cannot be opened or put in place
+  kLogFailed,       // the log cannot be opened
+  kWriteFailed,     // the output cannot be written
+  kOutputIsInput,   // the output names the input file
   kUnknownCode,     // a result code this tool does not know
   kCrashed,         // batch: the worker died of a signal
   kTimedOut,        // batch: the worker was killed after --timeout
   kWorkerLost,      // batch: the worker ended in an unexpected way
+  kInterrupted,     // batch: ended or never started at a stop signal
 };
-constexpr int kOutcomeCount = static_cast<int>(Outcome::kWorkerLost) + 1;
+constexpr int kOutcomeCount = static_cast<int>(Outcome::kInterrupted) + 1;
+
+// How one document ended: its outcome and the filter's result code; for a
+// failure on one of the tool's own paths, that path and the system's
+// reason (an errno value, 0 for none).
+struct Result {
+  Outcome outcome = Outcome::kConverted;
+  int code = 0;
+  std::string path;
+  int error = 0;
+};
 
 // The outcome of result code `code`; 3000 gives kDamaged until a closer
 // look tells it apart.
@@ -69,6 +87,12 @@ std::string DetailOf(Outcome outcome, int code, const Settings &settings);
 // Writes "kln2txt: FILE: TEXT[ (detail)]" to standard error, for every
 // outcome but kConverted.
 void Report(const std::string &file, Outcome outcome, const std::string &detail = {});
+// The same for a document's result: a failure on a path of the tool's own
+// reads "kln2txt: PATH: TEXT[: REASON]".
+void Report(const std::string &file, const Result &result, const Settings &settings);
+// Writes "kln2txt: FILE: TEXT" to standard error for what went wrong
+// without failing the document.
+void Warn(const std::string &file, const char *text);
 
 // The six properties of the header in record order.
 struct Property {
@@ -78,9 +102,88 @@ struct Property {
 extern const Property kProperties[6];
 
 // Converts one document as the settings ask. outPath empty: the result goes
-// to standard output (stream mode); otherwise into that file (file mode for
-// the text). Answers the outcome; code is the filter's result code.
-Outcome ConvertDocument(const Settings &settings, const std::string &input, const std::string &outPath, int &code);
+// to standard output; otherwise into that file, which appears only once
+// whole (see Output).
+Result ConvertDocument(const Settings &settings, const std::string &input, const std::string &outPath);
+
+// ---- The tool's own files ----
+
+// SIGINT, SIGTERM and SIGHUP: they end the tool, a batch after its summary.
+extern const int kStopSignals[3];
+// At a stop signal the paths held by TempPath objects are removed and the
+// process ends of the signal.
+void InstallStopHandlers();
+
+// A temporary file, removed at destruction or at a stop signal unless
+// released first.
+class TempPath {
+ public:
+  TempPath() = default;
+  ~TempPath();
+  TempPath(const TempPath &) = delete;
+  TempPath &operator=(const TempPath &) = delete;
+  void own(const std::string &path);
+  void release();  // the file stays
+  const std::string &path() const { return path_; }
+
+ private:
+  std::string path_;
+  int slot_ = -1;
+};
+
+// $TMPDIR, or /tmp when that is unset or too long for the filter's paths.
+std::string TempFolder();
+// Where a worker with process id pid writes the output before it is whole.
+std::string PartialName(const std::string &output, pid_t pid);
+
+// The input as the filter reads it: the named file, or a private copy of
+// standard input, a pipe or a path too long for the filter.
+class Input {
+ public:
+  Result open(const std::string &name);
+  const std::string &path() const { return path_; }
+  bool isCopy() const;
+  const struct stat &status() const { return stat_; }
+
+ private:
+  Result copy(int from, const std::string &name);
+  struct stat stat_ {};
+  std::string path_;
+  TempPath copy_;
+};
+
+// Where the result goes: standard output, a device or pipe as it comes,
+// or a file written under PartialName and renamed once whole.
+class Output {
+ public:
+  // Refuses an output that is the input file itself.
+  Result open(const std::string &path, const struct stat &input);
+  // A VTQ_StreamWriteFn over an Output.
+  static long Write(void *user, const void *data, long len);
+  bool write(const void *data, size_t n);
+  // The next bytes repeat what was written already: they are passed over.
+  void rewrite() { skip_ = written_; }
+  bool failed() const { return error_ != 0; }
+  // Closes the output; keeps the file only when r is no failure and text
+  // was written. Answers r, or the failure to write or to rename.
+  Result finish(Result r);
+
+ private:
+  std::string path_;
+  FILE *file_ = nullptr;
+  TempPath partial_;
+  uint64_t written_ = 0, skip_ = 0;
+  int error_ = 0;
+};
+
+// ---- Character sets (the runtime's converter) ----
+
+// True when the filter takes `set` as its output character set.
+bool KnownCharset(const char *set);
+// UTF-8 text in `set`, with the byte-order mark the set opens with.
+bool Recode(const std::string &utf8, const char *set, std::string &out);
+// True when characters in `set` hold zero bytes (UTF-16, UTF-32, …).
+bool HoldsZeroBytes(const char *set);
 
 // Converts settings.files into settings.outDir with worker processes.
 // Answers the exit status.

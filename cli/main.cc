@@ -13,10 +13,9 @@ int ConvertInProcess(const Settings &s) {
   for (size_t i = 0; i < s.files.size(); ++i) {
     const std::string &file = s.files[i];
     if (headings) std::printf("%s==> %s <==\n", i ? "\n" : "", file.c_str());
-    int code = 0;
-    const Outcome outcome = ConvertDocument(s, file, s.output, code);
-    Report(file, outcome, DetailOf(outcome, code, s));
-    status = GravestStatus(status, ExitStatusOf(outcome));
+    const Result r = ConvertDocument(s, file, s.output);
+    Report(file, r, s);
+    status = GravestStatus(status, ExitStatusOf(r.outcome));
   }
   return status;
 }
@@ -28,5 +27,6 @@ int main(int argc, char **argv) {
   bool done = false;
   const int status = ParseCommandLine(argc, argv, settings, done);
   if (status != kExitOk || done) return status;
+  InstallStopHandlers();
   return settings.outDir.empty() ? ConvertInProcess(settings) : RunBatch(settings);
 }

@@ -1,6 +1,7 @@
 // One text per outcome, the result codes they come from and the exit
 // status each one gives.
 #include <cstdio>
+#include <cstring>
 
 #include "kln2txt.h"
 
@@ -26,13 +27,17 @@ constexpr OutcomeInfo kOutcomes[kOutcomeCount] = {
     {kCannotOpen, "cannot open the input, the output or the log", kExitFailed},
     {kTextBlock, "a text block could not be read", kExitFailed},
     {kOleRefused, "refused: the document holds an embedded object (--ole refuse)", kExitFailed},
-    {kOleFailed, "an embedded object could not be converted (--ole-continue goes on without it)", kExitFailed},
-    {kPathTooLong, "path too long (at most 259 bytes)", kExitFailed},
-    {kWriteFailed, "cannot write the output", kExitFailed},
+    {kOleFailed, "an embedded object could not be converted (--ole-strict)", kExitFailed},
+    {kInputFailed, "cannot open the input", kExitFailed},
+    {kOutputFailed, "cannot open the output", kExitFailed},
+    {kLogFailed, "cannot open the log", kExitFailed},
+    {kWriteFailed, "cannot write", kExitFailed},
+    {kOutputIsInput, "the output is the input", kExitFailed},
     {kUnknownCode, "unexpected result code", kExitFailed},
     {kCrashed, "crashed", kExitFailed},
     {kTimedOut, "timed out", kExitFailed},
     {kWorkerLost, "worker ended unexpectedly", kExitFailed},
+    {kInterrupted, "interrupted", kExitFailed},
 };
 
 // The table is indexed by Outcome.
@@ -90,5 +95,13 @@ void Report(const std::string &file, Outcome outcome, const std::string &detail)
   std::fprintf(stderr, "kln2txt: %s: %s%s%s%s\n", file.c_str(), OutcomeText(outcome), detail.empty() ? "" : " (",
                detail.c_str(), detail.empty() ? "" : ")");
 }
+
+void Report(const std::string &file, const Result &r, const Settings &settings) {
+  if (r.path.empty()) return Report(file, r.outcome, DetailOf(r.outcome, r.code, settings));
+  std::fprintf(stderr, "kln2txt: %s: %s%s%s\n", r.path.c_str(), OutcomeText(r.outcome), r.error ? ": " : "",
+               r.error ? std::strerror(r.error) : "");
+}
+
+void Warn(const std::string &file, const char *text) { std::fprintf(stderr, "kln2txt: %s: %s\n", file.c_str(), text); }
 
 }  // namespace kln2txt

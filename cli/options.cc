@@ -1,6 +1,7 @@
 // The command line: options named for people, turned into the filter's
 // FilterOptions bits and the tool's own settings.
 #include <getopt.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -24,26 +25,29 @@ constexpr char kUsage[] =
     "       kln2txt --out-dir DIR [-j N] [OPTION]... FILE...\n"
     "Writes the text of KLN documents to standard output, to a file (-o) or,\n"
     "one file per document, into a folder (--out-dir). FILE - reads standard input.\n"
+    "A file appears only once whole, and only with text: a document that fails,\n"
+    "has no text or is refused leaves none (nor a half-written one).\n"
     "\n"
     "Output:\n"
-    "  -o, --output OUT        write the text into OUT (removed again when the\n"
-    "                          document has no text or is refused)\n"
+    "  -o, --output OUT        write the text into OUT (- standard output)\n"
     "      --out-dir DIR       convert every FILE into DIR/NAME.txt (NAME-2.txt, …\n"
     "                          for a name met before), each in a process of its own\n"
     "  -j, --jobs N            run N documents at a time with --out-dir (1)\n"
     "      --timeout SECONDS   end a document that runs longer (--out-dir; 60, 0 = none)\n"
     "      --properties        print title, author, keywords, description, class\n"
     "                          and version as 'name: value' lines instead of the text\n"
-    "      --json              print one JSON object per document (always UTF-8):\n"
-    "                          file, properties, text, result and message\n"
+    "      --json              print one JSON object per document (always UTF-8,\n"
+    "                          so not with -e or --bom): file, properties, text,\n"
+    "                          result and message\n"
     "\n"
     "Text:\n"
     "  -e, --encoding NAME     output character set (UTF-8)\n"
     "      --latin1            the documents' text is ISO-8859-1 (Windows-31J)\n"
     "      --bom               start UTF-8 output with a byte-order mark\n"
     "      --line-ends MODE    keep, lf, crlf, cr or space (lf)\n"
-    "      --max-bytes N       cut the output after N bytes\n"
-    "      --log               write a log beside the output (or the input)\n"
+    "      --max-bytes N       cut the output, embedded objects' text included,\n"
+    "                          after N bytes\n"
+    "      --log               append a log to FILE.KLN.log beside each named FILE\n"
     "\n"
     "Tables:\n"
     "      --separator C       separate cells with the character C (,)\n"
@@ -54,15 +58,19 @@ constexpr char kUsage[] =
     "Embedded objects:\n"
     "      --ole MODE          extract their text, skip them, or refuse the\n"
     "                          document (extract)\n"
-    "      --ole-continue      an object that fails does not end the document\n"
-    "      --ole-limit-stops   reaching --max-bytes inside an object ends the output\n"
+    "                          An object without readable text is passed over\n"
+    "                          with a warning on standard error:\n"
+    "      --ole-continue      pass it over without a warning\n"
+    "      --ole-strict        fail the document instead\n"
     "\n"
     "      --help              show this help\n"
     "      --version           show the version\n"
     "\n"
     "Exit status: 0 success (also a document without text, with a message),\n"
     "1 a document failed, 2 usage, 3 output cut at --max-bytes. With several\n"
-    "documents the most serious status of them all: 1, then 3, then 0.\n";
+    "documents the most serious status of them all: 1, then 3, then 0.\n"
+    "SIGINT, SIGTERM or SIGHUP ends the run with 128 plus the signal's number,\n"
+    "removing every unfinished output (a batch first writes its summary).\n";
 
 enum LongOnly : int {
   kOutDir = 256,
@@ -80,7 +88,7 @@ enum LongOnly : int {
   kNoFill,
   kOle,
   kOleContinue,
-  kOleLimitStops,
+  kOleStrict,
   kHelp,
   kVersion,
 };
@@ -104,7 +112,7 @@ constexpr option kLongOptions[] = {
     {"no-fill", no_argument, nullptr, kNoFill},
     {"ole", required_argument, nullptr, kOle},
     {"ole-continue", no_argument, nullptr, kOleContinue},
-    {"ole-limit-stops", no_argument, nullptr, kOleLimitStops},
+    {"ole-strict", no_argument, nullptr, kOleStrict},
     {"help", no_argument, nullptr, kHelp},
     {"version", no_argument, nullptr, kVersion},
     {nullptr, 0, nullptr, 0},
@@ -168,8 +176,10 @@ int CheckCombination(const Settings &s, bool jobsGiven, bool timeoutGiven) {
   if (s.outDir.empty() && (jobsGiven || timeoutGiven)) return UsageError("%s", "-j and --timeout go with --out-dir");
   if (!s.outDir.empty() && readsStdin) return UsageError("%s", "--out-dir takes named files, not -");
   if (readsStdin && (s.files.size() > 1)) return UsageError("%s", "- must be the only FILE");
-  if ((s.filter.flags & KLN_FLAG_LOG) && readsStdin && s.output.empty())
-    return UsageError("%s", "--log needs a named FILE or -o: the log goes beside it");
+  if ((s.filter.flags & KLN_FLAG_LOG) && readsStdin) return UsageError("%s", "--log needs a named FILE: the log goes beside it");
+  struct stat st {};
+  if (!s.outDir.empty() && stat(s.outDir.c_str(), &st) == 0 && !S_ISDIR(st.st_mode))
+    return UsageError("--out-dir %s is not a folder", s.outDir.c_str());
   if (s.properties && s.json) return UsageError("%s", "--json already holds the properties");
   return kExitOk;
 }
@@ -181,14 +191,17 @@ int ParseCommandLine(int argc, char **argv, Settings &s, bool &done) {
   std::snprintf(s.filter.outCharset, sizeof s.filter.outCharset, "UTF-8");
   s.filter.flags = KLN_FLAG_LINE_LF | KLN_FLAG_OLE_EXTRACT;
   s.charset.charsetCode = KLN_CHARSET_WINDOWS31J;
-  bool jobsGiven = false, timeoutGiven = false;
+  bool jobsGiven = false, timeoutGiven = false, charsetGiven = false;
   unsigned long n = 0;
   opterr = 0;  // our own messages
   optind = 1;
   for (int c; (c = getopt_long(argc, argv, ":o:j:e:", kLongOptions, nullptr)) != -1;) {
     switch (c) {
-      case 'o': s.output = optarg; break;
-      case kOutDir: s.outDir = optarg; break;
+      case 'o': s.output = std::strcmp(optarg, "-") == 0 ? "" : optarg; break;
+      case kOutDir:
+        if (!*optarg) return UsageError("%s", "--out-dir wants a folder");
+        s.outDir = optarg;
+        break;
       case 'j':
         if (!ParseNumber(optarg, 1, 256, n))
           return UsageError("-j wants a number of workers from 1 to 256, not '%s'", optarg);
@@ -208,9 +221,13 @@ int ParseCommandLine(int argc, char **argv, Settings &s, bool &done) {
         if (std::strlen(optarg) == 0 || std::strlen(optarg) > 32)
           return UsageError("the output character set name must have 1 to 32 characters: '%s'", optarg);
         std::snprintf(s.filter.outCharset, sizeof s.filter.outCharset, "%s", optarg);
+        charsetGiven = true;
         break;
       case kLatin1: s.charset.charsetCode = 0; break;
-      case kBom: s.filter.convOption |= KLN_CONV_UTF8_BOM; break;
+      case kBom:
+        s.filter.convOption |= KLN_CONV_UTF8_BOM;
+        charsetGiven = true;
+        break;
       case kLineEnds:
         if (!SetMode(kLineEndModes, kLineEndBits, optarg, s.filter.flags))
           return UsageError("--line-ends is keep, lf, crlf, cr or space, not '%s'", optarg);
@@ -218,7 +235,8 @@ int ParseCommandLine(int argc, char **argv, Settings &s, bool &done) {
       case kMaxBytes:
         if (!ParseNumber(optarg, 0, UINT32_MAX, n))
           return UsageError("--max-bytes wants a number of bytes, not '%s'", optarg);
-        s.filter.flags |= KLN_FLAG_SIZE_LIMIT;
+        // The limit holds for the text of embedded objects as well.
+        s.filter.flags |= KLN_FLAG_SIZE_LIMIT | KLN_FLAG_OLE_LIMIT_STOPS;
         s.filter.sizeLimit = static_cast<uint32_t>(n);
         break;
       case kLog: s.filter.flags |= KLN_FLAG_LOG; break;
@@ -236,7 +254,7 @@ int ParseCommandLine(int argc, char **argv, Settings &s, bool &done) {
           return UsageError("--ole is extract, skip or refuse, not '%s'", optarg);
         break;
       case kOleContinue: s.filter.flags |= KLN_FLAG_OLE_CONTINUE; break;
-      case kOleLimitStops: s.filter.flags |= KLN_FLAG_OLE_LIMIT_STOPS; break;
+      case kOleStrict: s.oleStrict = true; break;
       case kHelp:
         std::fputs(kUsage, stdout);
         done = true;
@@ -250,6 +268,9 @@ int ParseCommandLine(int argc, char **argv, Settings &s, bool &done) {
     }
   }
   s.files.assign(argv + optind, argv + argc);
+  if (s.json && charsetGiven) return UsageError("%s", "--json writes UTF-8: -e and --bom do not go with it");
+  // Known before any document is read.
+  if (!KnownCharset(s.filter.outCharset)) return UsageError("unknown character set %s", s.filter.outCharset);
   return CheckCombination(s, jobsGiven, timeoutGiven);
 }
 

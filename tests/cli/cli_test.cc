@@ -1,13 +1,18 @@
 // kln2txt end to end: outputs, messages and exit statuses, the batch runner
 // with a crashing and a hanging worker; and the JSON string writer.
 #include <gtest/gtest.h>
+#include <iconv.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 
 #include "kln2txt.h"
+#include "ole_builder.h"
 #include "test_support.h"
+#include "wp_builder.h"
 
 namespace {
 
@@ -17,12 +22,13 @@ struct Ran {
 };
 
 // Runs kln2txt with `args` (shell words) in dir, standard input from
-// `input` when given.
+// `input` when given; with `stop`, sends it that signal after a second.
 Ran RunIn(const kln::TempDir &dir, const std::string &args, const std::string &env = {},
-          const std::string &input = "/dev/null") {
+          const std::string &input = "/dev/null", const std::string &stop = {}) {
   // The redirections in args come last and win.
-  const std::string cmd =
-      "cd '" + dir.path() + "' && " + env + " '" KLN2TXT_PATH "' <" + input + " >stdout.bin 2>stderr.txt " + args;
+  std::string cmd = env + " '" KLN2TXT_PATH "' <" + input + " >stdout.bin 2>stderr.txt " + args;
+  if (!stop.empty()) cmd = "{ " + cmd + " & p=$!; sleep 1; kill -" + stop + " $p; wait $p; }";
+  cmd = "cd '" + dir.path() + "' && " + cmd;
   const int w = std::system(cmd.c_str());
   Ran r;
   r.status = WIFEXITED(w) ? WEXITSTATUS(w) : -1;
@@ -47,13 +53,40 @@ class Kln2txtTest : public ::testing::Test {
     empty.header = header;
     kln::WriteFile(dir.file("empty.kln"), empty.build());
     std::ofstream(dir.file("notes.kln")) << "shopping list: milk, eggs\n";
+    // Text, an object without readable text, a packaged text, text.
+    kln::WpDataSet before, after;
+    before.blocks = {{"abc"}};
+    after.blocks = {{"xyz"}};
+    kln::DrawingDataSet drawing;
+    drawing.objects = {kln::DrawingObject::Ole(kln::CompoundFile({{"Other", kln::Str("x")}})),
+                       kln::DrawingObject::Ole(kln::PackagedObject(kln::Str("good")))};
+    kln::Document objects;
+    objects.dataSets = {before.build(1), drawing.build(2), after.build(3)};
+    kln::WriteFile(dir.file("object.kln"), objects.build());
+    ASSERT_EQ(mkdir(dir.file("tmp").c_str(), 0700), 0);
+  }
+  // The names in a folder of the test's, sorted (hidden ones included).
+  std::vector<std::string> Names(const std::string &folder) {
+    std::vector<std::string> names;
+    for (const auto &e : std::filesystem::directory_iterator(dir.file(folder))) names.push_back(e.path().filename());
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+  // The test's files after a run but the tool's standard output and error;
+  // "tmp" (the tool's TMPDIR) must be empty.
+  std::vector<std::string> Files() {
+    EXPECT_EQ(Names("tmp"), std::vector<std::string>{});
+    std::vector<std::string> names = Names(".");
+    std::erase_if(names, [](const std::string &n) { return n == "stdout.bin" || n == "stderr.txt"; });
+    return names;
   }
   static kln::Bytes Load(const std::string &path) {
     const std::string s = kln::ReadAll(path);
     return {s.begin(), s.end()};
   }
-  Ran Tool(const std::string &args, const std::string &env = {}, const std::string &input = "/dev/null") {
-    return RunIn(dir, args, env, input);
+  Ran Tool(const std::string &args, const std::string &env = {}, const std::string &input = "/dev/null",
+           const std::string &stop = {}) {
+    return RunIn(dir, args, "TMPDIR=tmp " + env, input, stop);
   }
   kln::TempDir dir;
 };
@@ -98,7 +131,7 @@ TEST_F(Kln2txtTest, OptionsReachTheFilter) {
   // The same bytes read as ISO-8859-1: one character each.
   EXPECT_EQ(Tool("--latin1 letter.kln").out.rfind("\xC2\x8A\xC2\x94\xC2\x8E\xC2\xAE", 0), 0u);
   EXPECT_EQ(Tool("--log -o letter.txt letter.kln").status, 0);
-  EXPECT_NE(kln::ReadAll(dir.file("letter.txt.KLN.log")).find("letter.kln"), std::string::npos);
+  EXPECT_NE(kln::ReadAll(dir.file("letter.kln.KLN.log")).find("letter.kln"), std::string::npos);
 }
 
 TEST_F(Kln2txtTest, PropertiesAsNameValueLines) {
@@ -108,11 +141,21 @@ TEST_F(Kln2txtTest, PropertiesAsNameValueLines) {
             "title: 新年のご挨拶 / New Year greetings\nauthor: 佐藤 花子\nkeywords: 挨拶状, letter, 2019\n"
             "description: 取引先への年始の挨拶 (a greeting to a business partner)\nclass: correspondence\n"
             "version: 1.0\n");
+  // Sets whose characters hold zero bytes: the whole listing in that set.
+  for (const char *set : {"UTF-16", "UTF-32BE"}) {
+    std::string in = r.out, want(4 * in.size() + 4, '\0');
+    iconv_t cd = iconv_open(set, "UTF-8");
+    char *from = in.data(), *to = want.data();
+    size_t inLeft = in.size(), outLeft = want.size();
+    ASSERT_NE(iconv(cd, &from, &inLeft, &to, &outLeft), size_t(-1));
+    iconv_close(cd);
+    want.resize(want.size() - outLeft);
+    EXPECT_EQ(Tool(std::string("--properties -e ") + set + " letter.kln").out, want) << set;
+  }
 }
 
 TEST_F(Kln2txtTest, JsonHoldsPropertiesTextAndOutcome) {
-  // -e does not apply: JSON is always UTF-8.
-  const Ran r = Tool("--json -e ISO-8859-1 empty.kln notes.kln budget.kln");
+  const Ran r = Tool("--json empty.kln notes.kln budget.kln");
   EXPECT_EQ(r.status, 1);
   const std::string budget =
       "{\"file\":\"budget.kln\",\"properties\":{\"title\":\"2018年度 第1四半期 予算\",\"author\":\"経理部 鈴木\","
@@ -145,10 +188,61 @@ TEST_F(Kln2txtTest, EmbeddedObjects) {
   EXPECT_EQ(refused.status, 1);
   EXPECT_EQ(refused.err, "kln2txt: notice.kln: refused: the document holds an embedded object (--ole refuse)\n");
   EXPECT_NE(access(dir.file("notice.txt").c_str(), F_OK), 0);
+  // The size limit holds inside the objects as well.
+  const Ran cut = Tool("--max-bytes 250 notice.kln");
+  EXPECT_EQ(cut.status, 3);
+  EXPECT_EQ(cut.out, extracted.out.substr(0, 250));
+}
+
+// An object without readable text is passed over with a warning, unless
+// --ole-strict asks for the document to fail (its output removed).
+TEST_F(Kln2txtTest, ObjectsWithoutReadableText) {
+  const std::string warning =
+      "kln2txt: object.kln: an embedded object without readable text was passed over (--ole-strict fails the "
+      "document)\n";
+  const Ran passed = Tool("object.kln"), quiet = Tool("--ole-continue object.kln"), file = Tool("-o o.txt object.kln");
+  EXPECT_EQ(passed.status + quiet.status + file.status, 0);
+  EXPECT_EQ(passed.out, "abc\ngoodxyz\n");
+  EXPECT_EQ(quiet.out, passed.out);
+  EXPECT_EQ(kln::ReadAll(dir.file("o.txt")), passed.out);
+  EXPECT_EQ(passed.err, warning);
+  EXPECT_EQ(file.err, warning);
+  EXPECT_EQ(quiet.err, "");
+  const Ran strict = Tool("--ole-strict -o strict.txt object.kln");
+  EXPECT_EQ(strict.status, 1);
+  EXPECT_EQ(strict.err, "kln2txt: object.kln: an embedded object could not be converted (--ole-strict)\n");
+  EXPECT_NE(access(dir.file("strict.txt").c_str(), F_OK), 0);
+}
+
+// A file output appears whole or not at all; a failure, an interrupted
+// run or an output without text leaves nothing, temporary files included.
+TEST_F(Kln2txtTest, OutputsAppearWholeOrNotAtAll) {
+  const std::vector<std::string> start = Files();
+  for (const char *args : {"--properties -o p.txt missing.kln", "--properties --out-dir . missing.kln",
+                           "--max-bytes 0 -o x.txt letter.kln", "-o x.txt notes.kln", "-o x.txt empty.kln"}) {
+    SCOPED_TRACE(args);
+    Tool(args);
+    EXPECT_EQ(Files(), start);
+  }
+  // Stopped while writing: from a file, and from standard input (a copy).
+  EXPECT_EQ(Tool("-o x.txt letter.kln", "KLN2TXT_TEST_FAULT=hang:letter.kln", "/dev/null", "HUP").status, 129);
+  EXPECT_EQ(Tool("-o x.txt -", "KLN2TXT_TEST_FAULT=hang:-", "letter.kln", "TERM").status, 143);
+  EXPECT_EQ(Files(), start);
+
+  EXPECT_EQ(Tool("-o - letter.kln").out, Tool("letter.kln").out);
+  ASSERT_EQ(system(("mkfifo '" + dir.file("pipe.kln") + "' && cat '" + dir.file("letter.kln") + "' >'" +
+                    dir.file("pipe.kln") + "' &")
+                       .c_str()),
+            0);
+  const Ran piped = Tool("--json pipe.kln");
+  EXPECT_EQ(piped.status, 0);
+  EXPECT_EQ(piped.out, Tool("--json letter.kln").out.replace(9, 10, "pipe.kln"));
 }
 
 // Every outcome of a single document: its exit status and its message.
 TEST_F(Kln2txtTest, ExitStatusesAndMessages) {
+  ASSERT_EQ(symlink("letter.kln", dir.file("link.txt").c_str()), 0);
+  ASSERT_EQ(link(dir.file("letter.kln").c_str(), dir.file("hard.txt").c_str()), 0);
   const struct {
     const char *args;
     int status;
@@ -157,15 +251,24 @@ TEST_F(Kln2txtTest, ExitStatusesAndMessages) {
       {"letter.kln budget.kln", 0, ""},
       {"empty.kln", 0, "kln2txt: empty.kln: no text in document\n"},
       {"notes.kln", 1, "kln2txt: notes.kln: not a KLN document\n"},
-      {"missing.kln", 1, "kln2txt: missing.kln: cannot open the input, the output or the log\n"},
+      {"missing.kln", 1, "kln2txt: missing.kln: cannot open the input: No such file or directory\n"},
+      {"tmp", 1, "kln2txt: tmp: cannot open the input: Is a directory\n"},
       {"--max-bytes 20 letter.kln", 3, "kln2txt: letter.kln: output cut at the size limit (20 bytes)\n"},
-      {"-e NO-SUCH-SET letter.kln", 1,
-       "kln2txt: letter.kln: text cannot be converted to the output character set (NO-SUCH-SET)\n"},
-      {"--properties -e NO-SUCH-SET letter.kln", 1, "text cannot be converted to the output character set"},
-      {"letter.kln >/dev/full", 1, "kln2txt: letter.kln: cannot write the output\n"},
-      {"--json letter.kln >/dev/full", 1, "kln2txt: letter.kln: cannot write the output\n"},
+      {"letter.kln >/dev/full", 1, "kln2txt: standard output: cannot write: No space left on device\n"},
+      {"--json letter.kln >/dev/full", 1, "kln2txt: standard output: cannot write: No space left on device\n"},
+      {"-o /dev/full letter.kln", 1, "kln2txt: /dev/full: cannot write: No space left on device\n"},
+      {"--properties -o /dev/full letter.kln", 1, "kln2txt: /dev/full: cannot write: No space left on device\n"},
       {"--max-bytes 20 notes.kln letter.kln", 1, "not a KLN document"},  // the gravest status
-      {"-o nowhere/x.txt letter.kln", 1, "cannot open the input, the output or the log"},
+      {"-o nowhere/x.txt letter.kln", 1, "kln2txt: nowhere/x.txt: cannot open the output: No such file or directory\n"},
+      {"-o letter.kln letter.kln", 1, "kln2txt: letter.kln: the output is the input\n"},
+      {"-o link.txt letter.kln", 1, "kln2txt: link.txt: the output is the input\n"},
+      {"-o hard.txt letter.kln", 1, "kln2txt: hard.txt: the output is the input\n"},
+      {"--out-dir . hard.txt", 1, "kln2txt: ./hard.txt: the output is the input\n"},
+      {"-e BOGUS missing.kln", 2, "kln2txt: unknown character set BOGUS\n"},
+      {"--json -e UTF-16 letter.kln", 2, "--json writes UTF-8: -e and --bom do not go with it"},
+      {"--json --bom letter.kln", 2, "--json writes UTF-8: -e and --bom do not go with it"},
+      {"--out-dir '' letter.kln", 2, "kln2txt: --out-dir wants a folder\n"},
+      {"--out-dir budget.kln letter.kln", 2, "kln2txt: --out-dir budget.kln is not a folder\n"},
       {"--bogus letter.kln", 2, "kln2txt: unknown option '--bogus'\n"},
       {"-o a.txt letter.kln budget.kln", 2, "-o takes one FILE"},
       {"--line-ends dos letter.kln", 2, "--line-ends is keep, lf, crlf, cr or space, not 'dos'"},
@@ -181,12 +284,17 @@ TEST_F(Kln2txtTest, ExitStatusesAndMessages) {
     }
     EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
   }
+  // Nothing was written over the document, and nothing was left behind.
+  EXPECT_EQ(kln::ReadAll(dir.file("letter.kln")), kln::ReadAll(kSamples + "/letter.kln"));
+  EXPECT_EQ(Files(), (std::vector<std::string>{"budget.kln", "empty.kln", "hard.txt", "letter.kln", "link.txt",
+                                               "notes.kln", "notice.kln", "object.kln", "tmp"}));
   EXPECT_EQ(Tool("--help").status, 0);
   EXPECT_EQ(Tool("--version").out, "kln2txt 5.0.0\n");
 }
 
-// The filter takes paths below 259 bytes: a longer input is read through a
-// private copy, a longer output is refused.
+// The filter takes paths below 260 bytes: a longer input is read through a
+// private copy (so its log has no place), a longer output is written by
+// the tool itself.
 TEST_F(Kln2txtTest, LongPaths) {
   const std::string deep = std::string(120, 'd') + "/" + std::string(120, 'e');
   ASSERT_EQ(system(("mkdir -p '" + dir.file(deep) + "' && cp '" + dir.file("letter.kln") + "' '" +
@@ -197,9 +305,12 @@ TEST_F(Kln2txtTest, LongPaths) {
   const Ran in = Tool("'" + dir.file(deep + "/letter.kln") + "'");
   EXPECT_EQ(in.status, 0);
   EXPECT_EQ(in.out, Tool("letter.kln").out);
-  const Ran out = Tool("-o '" + dir.file(deep + "/letter.txt") + "' letter.kln");
-  EXPECT_EQ(out.status, 1);
-  EXPECT_NE(out.err.find("path too long"), std::string::npos) << out.err;
+  EXPECT_EQ(Tool("-o '" + dir.file(deep + "/letter.txt") + "' letter.kln").status, 0);
+  EXPECT_EQ(kln::ReadAll(dir.file(deep + "/letter.txt")), in.out);
+  const Ran log = Tool("--log '" + dir.file(deep + "/letter.kln") + "'");
+  EXPECT_EQ(log.status, 1);
+  EXPECT_NE(log.err.find("letter.kln.KLN.log: cannot open the log: File name too long\n"), std::string::npos);
+  Files();
 }
 
 // A batch in which one worker crashes and one hangs: both cost only
@@ -228,7 +339,24 @@ TEST_F(Kln2txtTest, BatchSurvivesACrashingAndAHangingDocument) {
   const Ran hung = Tool("--out-dir out --timeout 1 letter.kln hang.kln", "KLN2TXT_TEST_FAULT=hang:hang.kln");
   EXPECT_EQ(hung.status, 1);
   EXPECT_NE(hung.err.find("kln2txt: hang.kln: timed out (after 1 s)\n"), std::string::npos) << hung.err;
-  EXPECT_NE(access(dir.file("out/hang.txt").c_str(), F_OK), 0);
+  EXPECT_EQ(Names("out"), (std::vector<std::string>{"budget.txt", "hang.txt", "letter-2.txt", "letter.txt"}));
+  Files();
+}
+
+// A stop signal ends a batch: the hanging worker is killed, its partial
+// output and temporary files removed, and the summary counts it.
+TEST_F(Kln2txtTest, BatchStopsAtASignal) {
+  ASSERT_EQ(system(("cp '" + dir.file("letter.kln") + "' '" + dir.file("hang.kln") + "'").c_str()), 0);
+  const Ran r = Tool("--out-dir out -j 2 letter.kln hang.kln budget.kln empty.kln", "KLN2TXT_TEST_FAULT=hang:hang.kln",
+                     "/dev/null", "TERM");
+  EXPECT_EQ(r.status, 143);
+  EXPECT_NE(r.err.find("kln2txt: hang.kln: interrupted (Terminated)\n"
+                       "kln2txt: 4 documents: 2 converted, 1 without text, 0 cut at the size limit, 1 failed "
+                       "(1 interrupted)\n"),
+            std::string::npos)
+      << r.err;
+  EXPECT_EQ(Names("out"), (std::vector<std::string>{"budget.txt", "letter.txt"}));
+  Files();
 }
 
 TEST_F(Kln2txtTest, BatchStatusIsTheGravestOfItsDocuments) {
