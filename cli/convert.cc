@@ -200,7 +200,7 @@ Result ConvertDocument(const Settings &s, const std::string &input, const std::s
   } else {
     r = WriteText(in.path(), input, s, out);
   }
-  return out.finish(r);
+  return out.finish(r, s.json);
 }
 
 }  // namespace kln2txt

@@ -57,6 +57,14 @@ bool CopyAll(int from, int to) {
   return true;
 }
 
+// The file a path names, symbolic links resolved, when it exists.
+std::string Resolved(const std::string &path) {
+  char *real = realpath(path.c_str(), nullptr);
+  const std::string resolved = real ? real : path;
+  std::free(real);
+  return resolved;
+}
+
 std::string Folder(const std::string &path) {
   const size_t slash = path.find_last_of('/');
   if (slash == std::string::npos) return ".";
@@ -98,7 +106,7 @@ std::string TempFolder() {
 }
 
 std::string PartialName(const std::string &output, pid_t pid) {
-  return Folder(output) + "/.kln2txt-" + std::to_string(pid) + ".part";
+  return Folder(Resolved(output)) + "/.kln2txt-" + std::to_string(pid) + ".part";
 }
 
 Result Input::open(const std::string &name) {
@@ -145,10 +153,14 @@ Result Output::open(const std::string &path, const struct stat &input) {
     file_ = std::fopen(path.c_str(), "wb");
     return file_ ? Result{} : Result{Outcome::kOutputFailed, 0, path, errno};
   }
-  const std::string partial = PartialName(path, getpid());
+  // A file replaced keeps its permissions and, through a symbolic link,
+  // its place; one that may not be written is not replaced either.
+  if (exists && access(path.c_str(), W_OK) != 0) return {Outcome::kOutputFailed, 0, path, errno};
+  target_ = Resolved(path);
+  const std::string partial = PartialName(target_, getpid());
   partial_.own(partial);
   const int fd = ::open(partial.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-  if (fd >= 0 && exists) fchmod(fd, st.st_mode & 07777);  // a replaced file keeps its permissions
+  if (fd >= 0 && exists) fchmod(fd, st.st_mode & 07777);
   file_ = fd >= 0 ? fdopen(fd, "wb") : nullptr;
   if (file_) return {};
   const int error = errno;
@@ -175,7 +187,7 @@ bool Output::write(const void *data, size_t n) {
   return true;
 }
 
-Result Output::finish(Result r) {
+Result Output::finish(Result r, bool recordsFailure) {
   if (!file_) return r;
   const bool closed = file_ == stdout ? std::fflush(file_) == 0 : std::fclose(file_) == 0;
   if (!closed && !error_) error_ = errno ? errno : EIO;
@@ -183,9 +195,9 @@ Result Output::finish(Result r) {
   if (error_) r = {Outcome::kWriteFailed, r.code, path_.empty() ? "standard output" : path_, error_};
   const std::string partial = partial_.path();
   if (partial.empty()) return r;
-  // Only a whole result is kept: text or a listing, never a failure's part.
-  if (ExitStatusOf(r.outcome) != kExitFailed && written_ > 0) {
-    if (rename(partial.c_str(), path_.c_str()) != 0) return {Outcome::kOutputFailed, r.code, path_, errno};
+  // Only a whole result is kept: never a failure's part, never nothing.
+  if ((recordsFailure || ExitStatusOf(r.outcome) != kExitFailed) && written_ > 0) {
+    if (rename(partial.c_str(), target_.c_str()) != 0) return {Outcome::kOutputFailed, r.code, path_, errno};
     partial_.release();
   }
   return r;

@@ -164,12 +164,13 @@ class Output {
   // The next bytes repeat what was written already: they are passed over.
   void rewrite() { skip_ = written_; }
   bool failed() const { return error_ != 0; }
-  // Closes the output; keeps the file only when r is no failure and text
-  // was written. Answers r, or the failure to write or to rename.
-  Result finish(Result r);
+  // Closes the output; keeps the file only when something was written and
+  // r is no failure, or the output records the failure (a JSON object).
+  // Answers r, or the failure to write or to rename.
+  Result finish(Result r, bool recordsFailure);
 
  private:
-  std::string path_;
+  std::string path_, target_;  // as named, and the file it is (links resolved)
   FILE *file_ = nullptr;
   TempPath partial_;
   uint64_t written_ = 0, skip_ = 0;
