@@ -14,7 +14,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <set>
-#include <string_view>
 
 #include "kln2txt.h"
 

@@ -106,6 +106,23 @@ Outcome WriteProperties(const std::string &path, const Settings &s, Output &out,
   return Outcome::kConverted;
 }
 
+// Hands the text of `path` to write(user, …). An embedded object without
+// readable text fails the document only with --ole-strict: otherwise the
+// document is converted again passing such objects over, after again().
+// The filter does not tell which object failed; what a second run writes
+// up to it is what the first one wrote.
+template <class Again>
+int TextPassingObjectsOver(const std::string &path, const std::string &name, const Settings &s,
+                           const FilterOptions &options, VTQ_StreamWriteFn write, void *user, Again again) {
+  const int code = StreamText(path, VTQ_StreamCreate(write, user), s, options);
+  if (code != KLN_ERR_OLE_FAILED || s.oleStrict) return code;
+  FilterOptions passOver = options;
+  passOver.flags |= KLN_FLAG_OLE_CONTINUE;
+  again();
+  Warn(name, "an embedded object without readable text was passed over (--ole-strict fails the document)");
+  return StreamText(path, VTQ_StreamCreate(write, user), s, passOver);
+}
+
 // --json: {"file", "properties", "text", "result", "message"} on one line;
 // answers the result code of the text and its outcome.
 int WriteJson(const std::string &path, const std::string &name, const Settings &s, Output &out, Outcome &outcome) {
@@ -113,7 +130,7 @@ int WriteJson(const std::string &path, const std::string &name, const Settings &
   std::vector<std::string> values;
   const bool headerReadable = ReadProperties(path, options, s.charset, values);
   std::string text;
-  const int code = StreamText(path, VTQ_StreamCreate(AppendToString, &text), s, options);
+  const int code = TextPassingObjectsOver(path, name, s, options, AppendToString, &text, [&] { text.clear(); });
   outcome = OutcomeOf(code);
   if (outcome == Outcome::kDamaged && !headerReadable) outcome = Outcome::kNotKln;
 
@@ -132,20 +149,9 @@ int WriteJson(const std::string &path, const std::string &name, const Settings &
   return code;
 }
 
-// The text of `path`. An embedded object without readable text fails the
-// document only with --ole-strict: otherwise the document is converted
-// again passing such objects over. The filter does not tell which object
-// failed, but the second run writes the same bytes up to it, so those are
-// not written twice.
+// The text of `path` into out; its bytes written before are not repeated.
 Result WriteText(const std::string &path, const std::string &name, const Settings &s, Output &out) {
-  int code = StreamText(path, VTQ_StreamCreate(Output::Write, &out), s, s.filter);
-  if (code == KLN_ERR_OLE_FAILED && !s.oleStrict) {
-    FilterOptions passOver = s.filter;
-    passOver.flags |= KLN_FLAG_OLE_CONTINUE;
-    out.rewrite();
-    code = StreamText(path, VTQ_StreamCreate(Output::Write, &out), s, passOver);
-    Warn(name, "an embedded object without readable text was passed over (--ole-strict fails the document)");
-  }
+  const int code = TextPassingObjectsOver(path, name, s, s.filter, Output::Write, &out, [&] { out.rewrite(); });
   const Outcome outcome = OutcomeOf(code);
   if (outcome != Outcome::kDamaged || out.failed()) return {outcome, code, {}, 0};
   return {DiagnoseFormatFailure(path, s), code, {}, 0};
