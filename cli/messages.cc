@@ -82,8 +82,7 @@ int GravestStatus(int a, int b) { return SeverityRank(a) >= SeverityRank(b) ? a 
 
 std::string DetailOf(Outcome outcome, int code, const Settings &settings) {
   switch (outcome) {
-    case kUnknownCode:  // a batch worker hands on its outcome, not its code (-1)
-      return code < 0 ? std::string() : "result " + std::to_string(code);
+    case kUnknownCode: return "result " + std::to_string(code);
     case kNotConvertible: return settings.filter.outCharset;
     case kCut: return std::to_string(settings.filter.sizeLimit) + " bytes";
     default: return {};
