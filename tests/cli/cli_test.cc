@@ -22,12 +22,15 @@ struct Ran {
 };
 
 // Runs kln2txt with `args` (shell words) in dir, standard input from
-// `input` when given; with `stop`, sends it that signal after a second.
+// `input` when given; with `stop`, sends it that signal once a file shows
+// in its TMPDIR "tmp" (the private copy of a piped input; 10 s at most).
 Ran RunIn(const kln::TempDir &dir, const std::string &args, const std::string &env = {},
           const std::string &input = "/dev/null", const std::string &stop = {}) {
   // The redirections in args come last and win.
   std::string cmd = env + " '" KLN2TXT_PATH "' <" + input + " >stdout.bin 2>stderr.txt " + args;
-  if (!stop.empty()) cmd = "{ " + cmd + " & p=$!; sleep 1; kill -" + stop + " $p; wait $p; } 2>/dev/null";
+  if (!stop.empty())
+    cmd = "{ " + cmd + " & p=$!; for i in $(seq 100); do find tmp -type f | grep -q . && break; sleep 0.1; done; kill -" +
+          stop + " $p; wait $p; } 2>/dev/null";
   cmd = "cd '" + dir.path() + "' && " + cmd;
   const int w = std::system(cmd.c_str());
   Ran r;
@@ -231,8 +234,8 @@ TEST_F(Kln2txtTest, OutputsAppearWholeOrNotAtAll) {
     EXPECT_EQ(Files(), start);
   }
   // Stopped while writing: from a file, and from standard input (a copy).
-  EXPECT_EQ(Tool("-o x.txt letter.kln", "KLN2TXT_TEST_FAULT=hang:letter.kln", "/dev/null", "HUP").status, 129);
-  EXPECT_EQ(Tool("-o x.txt -", "KLN2TXT_TEST_FAULT=hang:-", "letter.kln", "TERM").status, 143);
+  EXPECT_EQ(Tool("-o x.txt -", "KLN2TXT_TEST_FAULT=hang:-", "letter.kln", "HUP").status, 129);
+  EXPECT_EQ(Tool("--json -o x.json -", "KLN2TXT_TEST_FAULT=hang:-", "letter.kln", "TERM").status, 143);
   EXPECT_EQ(Files(), start);
 
   EXPECT_EQ(Tool("-o - letter.kln").out, Tool("letter.kln").out);
@@ -349,10 +352,10 @@ TEST_F(Kln2txtTest, BatchSurvivesACrashingAndAHangingDocument) {
 // A stop signal ends a batch: the hanging worker is killed, its partial
 // output and its temporary files removed, and the summary counts it.
 TEST_F(Kln2txtTest, BatchStopsAtASignal) {
-  // Read from a pipe, the hanging document has a private copy in the
-  // worker's temporary folder.
+  // Read from a pipe, the hanging document, last, has a private copy in
+  // the worker's temporary folder.
   Pipe("hang.kln");
-  const Ran r = Tool("--out-dir out -j 2 letter.kln hang.kln budget.kln empty.kln", "KLN2TXT_TEST_FAULT=hang:hang.kln",
+  const Ran r = Tool("--out-dir out letter.kln budget.kln empty.kln hang.kln", "KLN2TXT_TEST_FAULT=hang:hang.kln",
                      "/dev/null", "TERM");
   EXPECT_EQ(r.status, 143);
   EXPECT_NE(r.err.find("kln2txt: hang.kln: interrupted (Terminated)\n"
