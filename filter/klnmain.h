@@ -200,8 +200,7 @@ uint32_t Get4wc(const uint8_t *p, const ConvContext *ctx = nullptr);
 uint16_t Get2BigEndianNum(const uint8_t *p);
 uint32_t Get4BigEndianNum(uint32_t word);
 double GetBigEndianFloat(const uint8_t *p);
-// The 80-bit extended value at p (big-endian) as a double; 12.0 when its
-// scratch copy cannot be allocated.
+// The 80-bit extended value at p (10 bytes, big-endian) as a double.
 double getfloat(const uint8_t *p, const ConvContext *ctx);
 
 // A checked view of a record: the fixed-width readers answer 0 for every
