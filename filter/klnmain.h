@@ -89,7 +89,7 @@ struct ConvContext {
   uint8_t *outBuf;  // kOutBufSize bytes
   uint32_t outLen;
   uint8_t *oleState;  // VTQ_OLE_STATE_SIZE bytes
-  uint32_t totalOut;
+  uint64_t totalOut;  // 64-bit: a table's text may pass 4 GiB
   uint32_t writeState;
   uint8_t headerVariant;
   VTQ_FILE *inFile;
@@ -242,8 +242,17 @@ inline uint32_t OleStateTotal(const ConvContext *ctx) {
   if (ctx->oleState) std::memcpy(&v, ctx->oleState + VTQ_OLE_STATE_TOTAL, 4);
   return v;
 }
-inline void SetOleStateTotal(ConvContext *ctx, uint32_t v) {
+// Hands totalOut to the record before an extraction: its low 32 bits,
+// which are the whole total whenever a size limit is on (the output stops
+// once the total passes the 32-bit limit).
+inline void PutOleStateTotal(ConvContext *ctx) {
+  const uint32_t v = static_cast<uint32_t>(ctx->totalOut);
   if (ctx->oleState) std::memcpy(ctx->oleState + VTQ_OLE_STATE_TOTAL, &v, 4);
+}
+// Adds to totalOut what the extraction added to the record since
+// PutOleStateTotal (modulo 2^32, the record's width).
+inline void TakeOleStateTotal(ConvContext *ctx) {
+  ctx->totalOut += static_cast<uint32_t>(OleStateTotal(ctx) - static_cast<uint32_t>(ctx->totalOut));
 }
 
 // ---- Context (klnmain.cpp). ----
