@@ -46,7 +46,7 @@ void FreeCellTable(ConvContext *ctx) {
     CellNode *nextColumn = column->nextColumn;
     for (CellNode *node = column; node;) {
       CellNode *next = node->nextInColumn;
-      VTQ_free(node->text);
+      if (!node->textShared) VTQ_free(node->text);
       VTQ_free(node);
       node = next;
     }

@@ -40,8 +40,11 @@ struct CellNode {
   double value;
   uint16_t kind;
   uint16_t style;
-  char *text;  // owned
+  char *text;  // owned, unless textShared
   uint8_t present;
+  // The text belongs to another cell of the table: a record shown in
+  // several rows keeps one copy of its text, whatever the rows.
+  uint8_t textShared;
   CellNode *nextColumn;
   CellNode *nextInColumn;
 };
