@@ -493,6 +493,7 @@ int ReadDbColumn(const ByteView &table, size_t *p, ConvContext *ctx, CellNode *h
   ctx->dbBodyCount = 0;
   return r;
 }
+
 // The head of `column` in the column list, which runs in ascending column
 // order; a column without one gets a head in its place (the spare node
 // that ends the list, when the column comes after all others). Null when
