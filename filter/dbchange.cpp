@@ -96,14 +96,6 @@ int ReadExtraPieces(ConvContext *ctx, DbField &f) {
   if (used) f.extra = extra.release();
   return kOk;
 }
-
-// Releases the cells of an earlier data set and starts the table anew.
-int EmptyCellTable(ConvContext *ctx) {
-  FreeCellTable(ctx);
-  ctx->colsLinked = ctx->colCount = ctx->rowCount = 0;
-  ctx->cells = static_cast<CellNode *>(VTQ_calloc(1, sizeof(CellNode)));
-  return ctx->cells ? kOk : kNoMemory;
-}
 }  // namespace
 
 int dbFieldSet(const ByteView &block, int64_t length, ConvContext *ctx) {
@@ -111,14 +103,8 @@ int dbFieldSet(const ByteView &block, int64_t length, ConvContext *ctx) {
   const uint32_t n = body.u16(kFieldCountAt);
   if (n > kMaxFields) return kFormatError;
   // A second database data set builds its table in place of the first;
-  // in a database document its records replace the first one's too.
-  if (ctx->dbFields) {
-    FreeDbFields(ctx);
-    if (ctx->docKind == kDatabaseDocument) {
-      const int r = EmptyCellTable(ctx);
-      if (r != kOk) return r;
-    }
-  }
+  // the cells the first one placed stay.
+  if (ctx->dbFields) FreeDbFields(ctx);
   ctx->dbFieldCount = 0;
   VtqPtr<DbField> fields;
   if (!fields.alloc(n + 1)) return kNoMemory;  // the element after the last stays zero
@@ -422,7 +408,7 @@ int dbGetCellData2(const ByteView &chunk, ConvContext *ctx, uint16_t column, uin
 }
 
 int dbGetCellData(ConvContext *ctx, CellNode *head, uint16_t column, const uint16_t *records, uint32_t recordCount,
-                  DbHeldValues &held) {
+                  uint32_t firstRow, DbHeldValues &held) {
   CellNode *node = head;
   while (node->nextInColumn) node = node->nextInColumn;
   for (uint32_t i = 0; i < recordCount; ++i) {
@@ -431,21 +417,13 @@ int dbGetCellData(ConvContext *ctx, CellNode *head, uint16_t column, const uint1
     if (!e) continue;
     auto *fresh = static_cast<CellNode *>(VTQ_calloc(1, sizeof(CellNode)));
     if (!fresh) return kNoMemory;
-    char *text = e->cell.text;
-    if (text && e->textGiven) {
-      // A record the list shows twice: the second row gets its own copy.
-      const size_t n = std::strlen(text);
-      text = OwnedText(ByteView(reinterpret_cast<const uint8_t *>(text), n), 0, n);
-      if (!text) {
-        VTQ_free(fresh);
-        return kNoMemory;
-      }
-    }
-    node->row = static_cast<uint16_t>(i);
+    node->row = static_cast<uint16_t>(firstRow + i);
     node->column = column;
     node->value = e->cell.value;
     node->kind = e->cell.kind;
-    node->text = text;
+    node->text = e->cell.text;
+    // A record the list shows again shares the text of its first row.
+    node->textShared = e->textGiven && e->cell.text;
     node->present = 1;
     node->nextInColumn = fresh;  // a head keeps its nextColumn
     e->textGiven = true;
@@ -480,9 +458,10 @@ int ReadRecordList(const ByteView &body, RecordList *list) {
 }
 
 // One column of the value table: its COLM section at *p and the chunks
-// that follow it; gathers their values and places them. Advances *p.
+// that follow it; gathers their values and places them from row
+// firstRow on. Advances *p.
 int ReadDbColumn(const ByteView &table, size_t *p, ConvContext *ctx, CellNode *head, uint16_t column,
-                 const RecordList &list, int32_t *chunks, DbHeldValues &held) {
+                 const RecordList &list, uint32_t firstRow, int32_t *chunks, DbHeldValues &held) {
   if (!table.tagIs(*p + 4, "COLM")) return kFormatError;
   const uint32_t m = table.u32(*p);
   const uint32_t first = table.u16(*p + kColmFirstAt);
@@ -508,11 +487,30 @@ int ReadDbColumn(const ByteView &table, size_t *p, ConvContext *ctx, CellNode *h
     if (r != kOk) return r;
     *p += size_t(g) + 4;
   }
-  const int r = dbGetCellData(ctx, head, column, list.numbers.get(), list.count, held);
+  const int r = dbGetCellData(ctx, head, column, list.numbers.get(), list.count, firstRow, held);
   held.clear();
   ctx->dbRowCursor = 0;
   ctx->dbBodyCount = 0;
   return r;
+}
+
+// The head of `column` in the column list, which runs in ascending column
+// order; a column without one gets a head in its place (the spare node
+// that ends the list, when the column comes after all others). Null when
+// the node cannot be had.
+CellNode *DbColumnHead(ConvContext *ctx, uint16_t column) {
+  CellNode **link = &ctx->cells;
+  while ((*link)->nextColumn && (*link)->column < column) link = &(*link)->nextColumn;
+  CellNode *at = *link;
+  if (!at->nextColumn) return LinkColumn(ctx, &at, column) == kOk ? *link : nullptr;
+  if (at->column == column) return at;
+  auto *head = static_cast<CellNode *>(VTQ_calloc(1, sizeof(CellNode)));
+  if (!head) return nullptr;
+  head->column = column;
+  head->nextColumn = at;
+  *link = head;
+  ++ctx->colsLinked;
+  return head;
 }
 }  // namespace
 
@@ -529,22 +527,26 @@ int dbCtabcov(const ByteView &recordList, ConvContext *ctx, const ByteView &valu
   if (r != kOk) return r;
   if (!table.tagIs(kCtabTagAt, "CTAB") || table.u32(kColumnSectionLengthAt) != kColumnSectionLength)
     return kFormatError;
-  // The records of an earlier data set give way to these.
-  if (ctx->cells->nextColumn && (r = EmptyCellTable(ctx)) != kOk) return r;
-  ctx->colCount = static_cast<uint16_t>(ctx->dbFieldCount);
-  ctx->rowCount = static_cast<uint16_t>(list.count);
 
   // Flags 0 to dbFieldCount, the last one the table's zero element.
-  CellNode *tail = ColumnListTail(ctx);
   int linked = 0;
+  bool occupied = false;  // a column already holds cells of an earlier data set
   for (int32_t c = 0; c <= ctx->dbFieldCount; ++c) {
     if (table.u32(kColumnFlagsAt + 4 * size_t(c)) == 0) continue;
-    heads[size_t(linked)] = tail;
+    CellNode *head = DbColumnHead(ctx, static_cast<uint16_t>(c));
+    if (!head) return kFormatError;
+    occupied = occupied || head->present;  // a column's first cell fills its head
+    heads[size_t(linked)] = head;
     columns[size_t(linked)] = static_cast<uint16_t>(c);
     ++linked;
-    if (LinkColumn(ctx, &tail, static_cast<uint16_t>(c)) != kOk) return kFormatError;
   }
-  ctx->colsLinked = static_cast<uint16_t>(linked);
+  // The cells of earlier data sets stay. Where this one's columns meet
+  // them, its rows follow the rows in use, so that no cell is ever placed
+  // on another and every row keeps its record whole.
+  const uint32_t firstRow = occupied ? ctx->rowCount : 0;
+  if (firstRow + list.count > UINT16_MAX) return kFormatError;  // beyond the rows a cell can name
+  ctx->colCount = std::max<uint16_t>(ctx->colCount, static_cast<uint16_t>(ctx->dbFieldCount));
+  ctx->rowCount = std::max<uint16_t>(ctx->rowCount, static_cast<uint16_t>(firstRow + list.count));
   if (table.size() < kColumnsAt) return kFormatError;
   if (table.size() == kColumnsAt || ctx->dbFieldCount == 0) return kOk;
 
@@ -553,7 +555,7 @@ int dbCtabcov(const ByteView &recordList, ConvContext *ctx, const ByteView &valu
   size_t p = kColumnsAt;
   // Sections beyond the flagged columns, or the field count, are not read.
   for (int k = 0; k < linked && k < ctx->dbFieldCount && p < table.size(); ++k) {
-    r = ReadDbColumn(table, &p, ctx, heads[size_t(k)], columns[size_t(k)], list, chunks.get(), held);
+    r = ReadDbColumn(table, &p, ctx, heads[size_t(k)], columns[size_t(k)], list, firstRow, chunks.get(), held);
     if (r != kOk) return r;
   }
   return kOk;

@@ -86,8 +86,9 @@ class DbHeldValues {
 int dbGetCellData2(const ByteView &chunk, ConvContext *ctx, uint16_t column, uint32_t chunkNo, DbHeldValues &held,
                    const DbChoiceList &choices);
 
-// Places the held values of one column into the chain that starts at
-// `head`: row i takes the value of records[i], rows ascending; a record
-// without a value gets no cell. 0 or 12.
+// Places the held values of one column at the end of the chain that
+// starts at `head`: row firstRow + i takes the value of records[i], rows
+// ascending; a record without a value gets no cell. A record shown in
+// several rows places its text once; the other rows share it. 0 or 12.
 int dbGetCellData(ConvContext *ctx, CellNode *head, uint16_t column, const uint16_t *records, uint32_t recordCount,
-                  DbHeldValues &held);
+                  uint32_t firstRow, DbHeldValues &held);

@@ -45,7 +45,7 @@ int comm_write(const void *text, size_t size, size_t count, VTQ_FILE *f, ConvCon
   } while (CodeConvMore(run));
   CodeConvEnd(ctx, run, static_cast<uint32_t>(produced));
 
-  ctx->totalOut += static_cast<uint32_t>(produced);
+  ctx->totalOut += produced;
   if (limitOn && ctx->totalOut > opt->sizeLimit) {
     ctx->writeState = kWriteStopped;
     return -1;

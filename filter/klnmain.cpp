@@ -46,7 +46,7 @@ void FreeCellTable(ConvContext *ctx) {
     CellNode *nextColumn = column->nextColumn;
     for (CellNode *node = column; node;) {
       CellNode *next = node->nextInColumn;
-      VTQ_free(node->text);
+      if (!node->textShared) VTQ_free(node->text);
       VTQ_free(node);
       node = next;
     }
@@ -104,19 +104,19 @@ double GetBigEndianFloat(const uint8_t *p) {
 }
 
 // The significand is summed bit by bit, the leading (explicit) bit weighing
-// 1.0, and then scaled by the power of two of the exponent.
+// 1.0, each step rounded to double (so a significand wider than a double
+// rounds as that sum does, not as one rounding of all 64 bits would), and
+// then scaled by the power of two of the exponent: exact up to 2^1023,
+// infinite above (not-a-number for a zero significand).
 double getfloat(const uint8_t *p, const ConvContext *ctx) {
-  VtqPtr<uint8_t> copy;
-  if (!copy.alloc(10)) return 12.0;
-  std::memcpy(copy.get(), p, 10);
-  const uint32_t w = Get2wc(copy.get(), ctx);
+  const uint32_t w = Get2wc(p, ctx);
   const int e = static_cast<int>(w & 0x7FFF) - 16383;
   if (e < -65) return 0.0;
-  const double scale = std::pow(2.0, e);
+  const double scale = std::ldexp(1.0, e);
   double sum = 0.0, weight = 1.0;
   for (int i = 2; i < 10; ++i) {
     for (int bit = 0x80; bit != 0; bit >>= 1) {
-      if (copy[i] & bit) sum = sum + weight;
+      if (p[i] & bit) sum = sum + weight;
       weight = weight * 0.5;
     }
   }

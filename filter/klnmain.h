@@ -40,8 +40,11 @@ struct CellNode {
   double value;
   uint16_t kind;
   uint16_t style;
-  char *text;  // owned
+  char *text;  // owned, unless textShared
   uint8_t present;
+  // The text belongs to another cell of the table: a record shown in
+  // several rows keeps one copy of its text, whatever the rows.
+  uint8_t textShared;
   CellNode *nextColumn;
   CellNode *nextInColumn;
 };
@@ -89,7 +92,7 @@ struct ConvContext {
   uint8_t *outBuf;  // kOutBufSize bytes
   uint32_t outLen;
   uint8_t *oleState;  // VTQ_OLE_STATE_SIZE bytes
-  uint32_t totalOut;
+  uint64_t totalOut;  // 64-bit: a table's text may pass 4 GiB
   uint32_t writeState;
   uint8_t headerVariant;
   VTQ_FILE *inFile;
@@ -200,8 +203,7 @@ uint32_t Get4wc(const uint8_t *p, const ConvContext *ctx = nullptr);
 uint16_t Get2BigEndianNum(const uint8_t *p);
 uint32_t Get4BigEndianNum(uint32_t word);
 double GetBigEndianFloat(const uint8_t *p);
-// The 80-bit extended value at p (big-endian) as a double; 12.0 when its
-// scratch copy cannot be allocated.
+// The 80-bit extended value at p (10 bytes, big-endian) as a double.
 double getfloat(const uint8_t *p, const ConvContext *ctx);
 
 // A checked view of a record: the fixed-width readers answer 0 for every
@@ -243,8 +245,17 @@ inline uint32_t OleStateTotal(const ConvContext *ctx) {
   if (ctx->oleState) std::memcpy(&v, ctx->oleState + VTQ_OLE_STATE_TOTAL, 4);
   return v;
 }
-inline void SetOleStateTotal(ConvContext *ctx, uint32_t v) {
+// Hands totalOut to the record before an extraction: its low 32 bits,
+// which are the whole total whenever a size limit is on (the output stops
+// once the total passes the 32-bit limit).
+inline void PutOleStateTotal(ConvContext *ctx) {
+  const uint32_t v = static_cast<uint32_t>(ctx->totalOut);
   if (ctx->oleState) std::memcpy(ctx->oleState + VTQ_OLE_STATE_TOTAL, &v, 4);
+}
+// Adds to totalOut what the extraction added to the record since
+// PutOleStateTotal (modulo 2^32, the record's width).
+inline void TakeOleStateTotal(ConvContext *ctx) {
+  ctx->totalOut += static_cast<uint32_t>(OleStateTotal(ctx) - static_cast<uint32_t>(ctx->totalOut));
 }
 
 // ---- Context (klnmain.cpp). ----

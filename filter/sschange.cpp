@@ -260,7 +260,10 @@ int ssGetCellData(const ByteView &chunk, ConvContext *ctx, int32_t column, uint3
     node->present = 1;
     if (result != kOk) break;
     auto *next = static_cast<CellNode *>(VTQ_calloc(1, sizeof(CellNode)));
-    if (!next) break;
+    if (!next) {
+      result = kNoMemory;  // the chunk's later cells would be lost
+      break;
+    }
     node->nextInColumn = next;
     node = next;
     ++stored;

@@ -283,7 +283,7 @@ int OleFailure(ConvContext *ctx, int code, bool *goOn) {
   *goOn = false;
   if (!(opt->flags & KLN_FLAG_OLE_CONTINUE)) return limitStops && code == kSizeLimit ? kSizeLimit : kOleFailed;
   if (limitStops) {
-    ctx->totalOut = OleStateTotal(ctx);
+    TakeOleStateTotal(ctx);
     if (ctx->totalOut > opt->sizeLimit || code == kSizeLimit) {
       ctx->writeState = kWriteStopped;
       return kOk;
@@ -360,7 +360,7 @@ int CopyObjectBytes(ConvContext *ctx, const char *path, uint8_t *scratch, size_t
 // Lets the runtime write the text of the opened object to the output.
 int ExtractOleText(ConvContext *ctx, VTQ_OLE *ole) {
   if (!ctx->oleState) return kFormatError;
-  SetOleStateTotal(ctx, ctx->totalOut);
+  PutOleStateTotal(ctx);
   int code;
   if (ctx->streamMode == 1) {
     code = VTQ_GetOleTextStreamWithErrCallback(ole, ctx->outStream, ctx->options, ctx->oleState, ctx->errCallback);
@@ -369,7 +369,7 @@ int ExtractOleText(ConvContext *ctx, VTQ_OLE *ole) {
     code = VTQ_GetOleTextWithErrCallback(ole, ctx->outFile, ctx->options, ctx->oleState, ctx->errCallback);
   }
   if (code == kOk) {
-    ctx->totalOut = OleStateTotal(ctx);
+    TakeOleStateTotal(ctx);
     return kOk;
   }
   // A cut inside the object ends only the object unless the caller says so.

@@ -1,6 +1,9 @@
 // The database reader: field definitions, styles, and the records placed
 // in the cell table in the order of the record list.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <random>
@@ -9,6 +12,15 @@
 #include "dbchange.h"
 #include "klnmain.h"
 #include "test_support.h"
+#include "vtq_stream.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#define KLN_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define KLN_ASAN 1
+#endif
+#endif
 
 using kln::DbFieldSpec;
 using kln::DbTable;
@@ -226,21 +238,54 @@ TEST(DatabaseRecords, ColumnFlagsUpToTheFieldCountAndSurplusSections) {
 // A block's body: what follows its length word.
 kln::Bytes Body(const kln::Bytes &block) { return kln::Bytes(block.begin() + 4, block.end()); }
 
-TEST(DatabaseRecords, ASecondDataSetReplacesTheFirst) {
-  DbTable a, b;
-  a.fields = {Text("A"), Text("B")};
-  a.values[0] = {{0, kln::DbText("a0")}};
-  a.values[1] = {{0, kln::DbText("b0")}};
-  a.records = {0};
-  b.fields = {Text("C")};
-  b.values[0] = {{0, kln::DbText("c0")}, {1, kln::DbText("c1")}};
-  b.records = {1, 0};
-  kln::Document doc = kln::DbDocument(a);
-  doc.dataSets.push_back(b.build(2));
-  EXPECT_EQ(kln::RunStream(doc.build()).text, "\"C\"\n\"c1\"\n\"c0\"");
-  b.replace[1] = {};  // no fields of its own: the first one's stay
-  doc.dataSets[1] = b.build(2);
-  EXPECT_EQ(kln::RunStream(doc.build()).text, "\"A\",\"B\"\n\"c1\"\n\"c0\"");
+// A later data set builds the field table anew; the cells of the earlier
+// ones stay. Its rows are its list positions, or follow the rows in use
+// when its columns already hold cells.
+TEST(DatabaseRecords, ALaterDataSetKeepsTheCellsOfTheEarlierOnes) {
+  DbTable ab;
+  ab.fields = {Text("A"), Text("B")};
+  ab.values[0] = {{0, kln::DbText("a0")}, {1, kln::DbText("a1")}};
+  ab.values[1] = {{0, kln::DbText("b0")}, {1, kln::DbText("b1")}};
+  ab.records = {1, 0};
+  DbTable onlyB = ab;
+  onlyB.values.erase(0);
+  const auto withoutValues = [](std::vector<DbFieldSpec> fields) {  // block 4 empty: no records
+    DbTable t;
+    t.fields = std::move(fields);
+    kln::DataSet d = t.build(2);
+    d.content = kln::Cat({t.fieldBlock(), kln::Out().u32(0).u32(0).u32(0).done()});
+    return d;
+  };
+  const auto withValues = [](std::vector<DbFieldSpec> fields, uint16_t column, std::vector<uint16_t> records) {
+    DbTable t;
+    t.fields = std::move(fields);
+    t.values[column] = {{0, kln::DbText("x0")}, {1, kln::DbText("x1")}};
+    t.records = std::move(records);
+    return t.build(2);
+  };
+  struct Case {
+    const char *name;
+    const DbTable &first;
+    kln::DataSet second;
+    std::string text;
+  };
+  const Case cases[] = {
+      {"one field, no records", ab, withoutValues({Text("X")}), "\"X\"\n\"a1\",\"b1\"\n\"a0\",\"b0\""},
+      {"no fields, no records", ab, withoutValues({}), "\"a1\",\"b1\"\n\"a0\",\"b0\""},
+      {"records in a column in use", ab, withValues({Text("X")}, 0, {0, 1, 0}),
+       "\"X\"\n\"a1\",\"b1\"\n\"a0\",\"b0\"\n\"x0\"\n\"x1\"\n\"x0\""},
+      {"records in a new last column", ab, withValues({Text("X"), Text("Y"), Text("Z")}, 2, {1, 1}),
+       "\"X\",\"Y\",\"Z\"\n\"a1\",\"b1\",\"x1\"\n\"a0\",\"b0\",\"x1\""},
+      {"records in a new first column", onlyB, withValues({Text("X")}, 0, {0}),
+       "\"X\"\n\"x0\",\"b1\"\n,\"b0\""},
+  };
+  for (const Case &c : cases) {
+    kln::Document doc = kln::DbDocument(c.first);
+    doc.dataSets.push_back(c.second);
+    const kln::Result r = kln::RunStream(doc.build());
+    EXPECT_EQ(r.code, 0) << c.name;
+    EXPECT_EQ(r.text, c.text) << c.name;
+  }
 }
 
 TEST(DatabaseRecords, ValuesOfRecordsNoRowShowsAreNotDecoded) {
@@ -395,6 +440,81 @@ TEST(DatabaseText, HeaderLineAndEachColumnThroughItsFieldsStyle) {
             "Name;Qty;Price;Day;At;Ok\nBob;;2;;;0\nAnn;1,234.50;-3;05/01/01;18:00;1");
   EXPECT_EQ(text(KLN_FLAG_NO_FILL | KLN_FLAG_NO_QUOTE),
             "Name,Qty,Price,Day,At,Ok\nBob,2,0\nAnn,1,234.50,-3,05/01/01,18:00,1");
+}
+
+#ifndef KLN_ASAN  // the sanitizer's shadow memory does not fit an address-space limit
+// The length and 64-bit FNV-1a hash of a text that is too long to keep.
+struct Digest {
+  uint64_t length = 0, hash = 14695981039346656037ull;
+  void add(const std::string &s) { add(s.data(), s.size()); }
+  void add(const void *data, size_t n) {
+    for (size_t i = 0; i < n; ++i) hash = (hash ^ static_cast<const uint8_t *>(data)[i]) * 1099511628211ull;
+    length += n;
+  }
+  bool operator==(const Digest &) const = default;
+};
+
+long AddToDigest(void *user, const void *data, long len) {
+  static_cast<Digest *>(user)->add(data, size_t(len));
+  return len;
+}
+
+// Converts the file at path in a child process whose address space is
+// limited to `limit` bytes; answers the result code and the text's digest
+// (code -1 when the child died).
+std::pair<int, Digest> RunLimited(const std::string &path, rlim_t limit) {
+  struct Outcome {
+    int code;
+    Digest text;
+  } out{-1, {}};
+  int fds[2];
+  if (pipe(fds) != 0) return {-1, {}};
+  const pid_t pid = fork();
+  if (pid == 0) {
+    close(fds[0]);
+    const rlimit lim{limit, limit};
+    setrlimit(RLIMIT_AS, &lim);
+    VTQ_STREAM *s = VTQ_StreamCreate(AddToDigest, &out.text);
+    const FilterOptions opt = kln::Options();
+    const KlnCharsetInfo cs = kln::Charset();
+    out.code = GetTextStreamWithErrCallback(path.c_str(), s, &opt, &cs, nullptr);
+    VTQ_StreamDestroy(s);
+    _exit(write(fds[1], &out, sizeof out) == ssize_t(sizeof out) ? 0 : 1);
+  }
+  close(fds[1]);
+  if (read(fds[0], &out, sizeof out) != ssize_t(sizeof out)) out.code = -1;
+  close(fds[0]);
+  waitpid(pid, nullptr, 0);
+  return {out.code, out.text};
+}
+#endif
+
+// One record of 256 fields of 511 bytes, shown 4,000 times: every row
+// shares the record's values, so the table costs one node per cell and
+// not a copy of its text (about 585 MiB when copied).
+TEST(DatabaseMemory, ARecordShownThousandsOfTimesSharesItsValues) {
+#ifdef KLN_ASAN
+  GTEST_SKIP() << "the sanitizer's shadow memory does not fit the limit";
+#else
+  DbTable t;
+  std::string header, row;
+  for (int c = 0; c < 256; ++c) {
+    const std::string name = "F" + std::to_string(c), value(511, char('a' + c % 26));
+    t.fields.push_back(Text(name));
+    t.values[uint16_t(c)] = {{0, kln::DbText(value)}};
+    header += (c ? ",\"" : "\"") + name + "\"";
+    row += (c ? ",\"" : "\"") + value + "\"";
+  }
+  t.records.assign(4000, 0);
+  Digest expected;
+  expected.add(header);
+  for (size_t i = 0; i < t.records.size(); ++i) expected.add("\n" + row);
+  kln::TempDir dir;
+  kln::WriteFile(dir.file("in.kln"), kln::DbDocument(t).build());
+  const auto [code, text] = RunLimited(dir.file("in.kln"), rlim_t(512) << 20);
+  EXPECT_EQ(code, 0);
+  EXPECT_EQ(text, expected);
+#endif
 }
 
 }  // namespace

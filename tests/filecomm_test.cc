@@ -48,6 +48,13 @@ TEST(CommWrite, ConvertsToTheOutputSet) {
   }
 }
 
+TEST(CommWrite, TheTotalCountsPast4GiB) {
+  Writer w;
+  w.ctx->totalOut = 0xFFFFFFF0u;
+  EXPECT_EQ(w.write(std::string(32, 'x')), 32);
+  EXPECT_EQ(w.ctx->totalOut, 0x100000010u);
+}
+
 TEST(CommWrite, ByteOrderMarkOnlyWithTheFirstOutput) {
   Writer w("UTF-16");
   EXPECT_EQ(w.write(""), 1);

@@ -43,14 +43,19 @@ TEST(ByteReaders, ExtendedFloats) {
       {{0x3F, 0xBE, 0x80, 0, 0, 0, 0, 0, 0, 0}, std::ldexp(1.0, -65)},  // e = -65: kept
       {{0xBF, 0xBD, 0x80, 0, 0, 0, 0, 0, 0, 0}, 0.0},                  // negative below the cut: +0
       {{0x40, 0x00, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}, 4.0},  // rounds to double
+      // 1 + 2^-53 + 2^-63 rounds bit by bit: the tie at 2^-53 goes to even
+      // first, and the last bit no longer counts.
+      {{0x3F, 0xFF, 0x80, 0, 0, 0, 0, 0, 0x04, 0x01}, 1.0},
+      {{0x43, 0xFF, 0x40, 0, 0, 0, 0, 0, 0, 0}, HUGE_VAL},  // 2^1024 scales to infinity, whatever the significand
   };
   for (const FloatCase &c : cases) {
     const double v = getfloat(c.bytes.data(), nullptr);
     EXPECT_EQ(v, c.expected);
     EXPECT_FALSE(std::signbit(v) && c.expected == 0.0);
   }
-  const Bytes inf = {0x7F, 0xFF, 0x80, 0, 0, 0, 0, 0, 0, 0};
+  const Bytes inf = {0x7F, 0xFF, 0x80, 0, 0, 0, 0, 0, 0, 0}, nan = {0x7F, 0xFF, 0, 0, 0, 0, 0, 0, 0, 0};
   EXPECT_TRUE(std::isinf(getfloat(inf.data(), nullptr)));
+  EXPECT_TRUE(std::isnan(getfloat(nan.data(), nullptr)));
 }
 
 TEST(Context, EveryAllocationOfInitialFailsWith12) {

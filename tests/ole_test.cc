@@ -3,6 +3,7 @@
 // temporary files.
 #include <gtest/gtest.h>
 
+#include "klnmain.h"
 #include "ole_builder.h"
 #include "test_support.h"
 #include "wp_builder.h"
@@ -235,6 +236,16 @@ TEST_F(OleTest, SizeLimitInsideAnObject) {
   r = kln::RunStream(doc, opt);
   EXPECT_EQ(r.code, KLN_ERR_SIZE_LIMIT);
   EXPECT_EQ(r.text, " 0123456789ABCDEF");
+}
+
+// The state record carries 32 bits of the total; what the object adds is
+// counted on from the whole total.
+TEST_F(OleTest, TheObjectsBytesCountPast4GiB) {
+  kln::OpenedContext ctx(Doc({PackagedText("0123456789ABCDEF")}, "", ""), kln::Options("UTF-8", kExtract));
+  ctx->totalOut = 0xFFFFFFF8u;
+  ctx.walk();
+  EXPECT_EQ(ctx.text, " 0123456789ABCDEF");
+  EXPECT_EQ(ctx->totalOut, 0xFFFFFFF8ull + 17);
 }
 
 TEST_F(OleTest, TemporaryFilesBesideTheOutput) {

@@ -67,7 +67,8 @@ NamedDocument Drawing() {
   return {"drawing", d.build(), KLN_FLAG_OLE_EXTRACT};
 }
 // A member list: every kind of field, records shown out of number order
-// across chunks, an absent chunk and empty slots, styled columns.
+// across chunks and one twice, an absent chunk and empty slots, styled
+// columns.
 NamedDocument Members() {
   DbTable t;
   DbFieldSpec pick{"Plan", 4};
@@ -87,7 +88,7 @@ NamedDocument Members() {
   t.values[6] = {{0, DbComputedNumber(41000.25)}};
   t.values[7] = {{0, DbComputedText("ok")}, {1, DbComputedError()}};
   t.values[8] = {{70, DbText(std::string(260, 'x'))}};
-  t.records = {200, 70, 1, 0, 3};
+  t.records = {200, 70, 1, 0, 3, 70};
   t.styles = {{1, 1}, {2, 2}, {3, 3}};
   const StyleChain styles{{{0, 0}, {1, 1}, {2, 2}, {3, 3}}, {{0, 0, 0, 0}, {4, 2, 1, 1}, {8, 0, 0, 0}, {15, 0, 0, 0}}};
   return {"members", DbDocument(t, styles).build()};
