@@ -122,6 +122,9 @@ void EachCharacter(const std::string &s, Put put) {
   }
 }
 
+// Text for Markdown: pipes and backslashes escaped, markup characters as
+// references, line ends as <br>, controls as spaces, U+FFFD for a byte that
+// starts no UTF-8 character.
 std::string MarkdownCell(const std::string &s) {
   std::string out;
   EachCharacter(s, [&](size_t at, size_t n) {
@@ -133,6 +136,10 @@ std::string MarkdownCell(const std::string &s) {
     } else if (c == '|' || c == '\\') {
       out += '\\';
       out += c;
+    } else if (c == '<') {
+      out += "&lt;";  // no markup of the text's own
+    } else if (c == '&') {
+      out += "&amp;";
     } else if (c == '\n') {
       out += "<br>";
     } else if (uint8_t(c) < 0x20 || c == 0x7F) {
