@@ -1,6 +1,7 @@
 // kln2txt --format: the samples against their golden outputs, every format
 // checked against the others and the delimited text (formats_check.py),
-// hostile cell texts escaped, and embedded objects written out.
+// hostile cell texts escaped, and embedded objects written out. A golden
+// file is `kln2txt --format FORMAT build/samples/NAME.kln`, checked by eye.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
