@@ -19,8 +19,6 @@ const Property kProperties[6] = {{"title", KLN_PROP_TITLE},       {"author", KLN
                                  {"keywords", KLN_PROP_KEYWORDS}, {"description", KLN_PROP_DESCRIPTION},
                                  {"class", KLN_PROP_CLASS},       {"version", KLN_PROP_VERSION}};
 
-namespace {
-
 // The six properties of `path` in the output set of `options`; false when
 // the header cannot be read.
 bool ReadProperties(const std::string &path, const FilterOptions &options, const KlnCharsetInfo &charset,
@@ -45,6 +43,8 @@ FilterOptions InUtf8(const FilterOptions &options) {
   utf8.convOption &= ~KLN_CONV_UTF8_BOM;
   return utf8;
 }
+
+namespace {
 
 long AppendToString(void *user, const void *data, long len) {
   static_cast<std::string *>(user)->append(static_cast<const char *>(data), static_cast<size_t>(len));
@@ -143,7 +143,8 @@ int WriteJson(const std::string &path, const std::string &name, const Settings &
   } else {
     json += "null";
   }
-  json += ",\"text\":" + JsonString(text) + ",\"result\":" + std::to_string(code) +
+  json += ",\"text\":" + JsonString(text) + ",\"tables\":" + TablesJson(path, s) +
+          ",\"result\":" + std::to_string(code) +
           ",\"message\":" + JsonString(OutcomeText(outcome)) + "}\n";
   out.write(json.data(), json.size());
   return code;
@@ -199,10 +200,15 @@ Result ConvertDocument(const Settings &s, const std::string &input, const std::s
   if (r.outcome == Outcome::kConverted && (s.filter.flags & KLN_FLAG_LOG)) r = OpenLog(input, in);
   if (r.outcome != Outcome::kConverted) return r;
   InjectTestFault(input);
+  if (!s.extractDir.empty() && !ExtractObjects(in.path(), input, s)) return {Outcome::kWriteFailed, 0, {}, 0};
   if (s.properties) {
     r.outcome = WriteProperties(in.path(), s, out, r.code);
   } else if (s.json) {
     r.code = WriteJson(in.path(), input, s, out, r.outcome);
+  } else if (s.format != Format::kText) {
+    r.code = WriteStructured(in.path(), input, s, out);
+    r.outcome = OutcomeOf(r.code);
+    if (r.outcome == Outcome::kDamaged && !out.failed()) r.outcome = DiagnoseFormatFailure(in.path(), s);
   } else {
     r = WriteText(in.path(), input, s, out);
   }

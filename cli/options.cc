@@ -38,7 +38,13 @@ constexpr char kUsage[] =
     "                          and version as 'name: value' lines instead of the text\n"
     "      --json              print one JSON object per document (always UTF-8,\n"
     "                          so not with -e or --bom): file, properties, text,\n"
-    "                          result and message\n"
+    "                          tables, result and message\n"
+    "      --format FORMAT     text, markdown (paragraphs and tables), html (an XHTML\n"
+    "                          document) or jsonl (properties, then one line per\n"
+    "                          paragraph and per table row); all but text in UTF-8 (text)\n"
+    "      --header-row        a sheet's first row heads its table (else A, B, ...)\n"
+    "      --extract-objects DIR  also write each embedded object's bytes into\n"
+    "                          DIR/NAME-N.ole\n"
     "\n"
     "Text:\n"
     "  -e, --encoding NAME     output character set (UTF-8)\n"
@@ -89,6 +95,9 @@ enum LongOnly : int {
   kOle,
   kOleContinue,
   kOleStrict,
+  kFormat,
+  kHeaderRow,
+  kExtractObjects,
   kHelp,
   kVersion,
 };
@@ -113,6 +122,9 @@ constexpr option kLongOptions[] = {
     {"ole", required_argument, nullptr, kOle},
     {"ole-continue", no_argument, nullptr, kOleContinue},
     {"ole-strict", no_argument, nullptr, kOleStrict},
+    {"format", required_argument, nullptr, kFormat},
+    {"header-row", no_argument, nullptr, kHeaderRow},
+    {"extract-objects", required_argument, nullptr, kExtractObjects},
     {"help", no_argument, nullptr, kHelp},
     {"version", no_argument, nullptr, kVersion},
     {nullptr, 0, nullptr, 0},
@@ -130,6 +142,11 @@ constexpr Named kLineEndModes[] = {{"keep", KLN_FLAG_LINE_KEEP},
                                    {"space", KLN_FLAG_LINE_SPACE}};
 constexpr uint32_t kLineEndBits =
     KLN_FLAG_LINE_KEEP | KLN_FLAG_LINE_LF | KLN_FLAG_LINE_CRLF | KLN_FLAG_LINE_CR | KLN_FLAG_LINE_SPACE;
+
+constexpr Named kFormats[] = {{"text", uint32_t(Format::kText)},
+                              {"markdown", uint32_t(Format::kMarkdown)},
+                              {"html", uint32_t(Format::kHtml)},
+                              {"jsonl", uint32_t(Format::kJsonl)}};
 
 constexpr Named kOleModes[] = {{"extract", KLN_FLAG_OLE_EXTRACT}, {"skip", 0}, {"refuse", KLN_FLAG_OLE_REFUSE}};
 constexpr uint32_t kOleModeBits = KLN_FLAG_OLE_EXTRACT | KLN_FLAG_OLE_REFUSE;
@@ -181,6 +198,8 @@ int CheckCombination(const Settings &s, bool jobsGiven, bool timeoutGiven) {
   if (!s.outDir.empty() && stat(s.outDir.c_str(), &st) == 0 && !S_ISDIR(st.st_mode))
     return UsageError("--out-dir %s is not a folder", s.outDir.c_str());
   if (s.properties && s.json) return UsageError("%s", "--json already holds the properties");
+  if (s.format != Format::kText && (s.properties || s.json))
+    return UsageError("%s", "--format goes with neither --properties nor --json");
   return kExitOk;
 }
 
@@ -255,6 +274,15 @@ int ParseCommandLine(int argc, char **argv, Settings &s, bool &done) {
         break;
       case kOleContinue: s.filter.flags |= KLN_FLAG_OLE_CONTINUE; break;
       case kOleStrict: s.oleStrict = true; break;
+      case kFormat: {
+        uint32_t format = 0;
+        if (!SetMode(kFormats, ~0u, optarg, format))
+          return UsageError("--format is text, markdown, html or jsonl, not '%s'", optarg);
+        s.format = static_cast<Format>(format);
+        break;
+      }
+      case kHeaderRow: s.headerRow = true; break;
+      case kExtractObjects: s.extractDir = optarg; break;
       case kHelp:
         std::fputs(kUsage, stdout);
         done = true;
