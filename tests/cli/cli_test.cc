@@ -219,7 +219,7 @@ TEST_F(Kln2txtTest, ObjectsWithoutReadableText) {
   EXPECT_EQ(passed.err, warning);
   EXPECT_EQ(file.err, warning);
   EXPECT_EQ(quiet.err, "");
-  EXPECT_NE(Tool("--json object.kln").out.find("\"text\":\"abc\\ngoodxyz\\n\",\"result\":0,"), std::string::npos);
+  EXPECT_NE(Tool("--json object.kln").out.find("\"text\":\"abc\\ngoodxyz\\n\",\"tables\":[],\"result\":0,"), std::string::npos);
   const Ran strict = Tool("--ole-strict -o strict.txt object.kln");
   EXPECT_EQ(strict.status, 1);
   EXPECT_EQ(strict.err, "kln2txt: object.kln: an embedded object could not be converted (--ole-strict)\n");
