@@ -15,7 +15,8 @@ extern "C" int GetTextWithErrCallback(const char *inPath, const char *outPath, c
   if (r != kOk) return r;
   std::memcpy(ctx->outPath, outPath, std::strlen(outPath) + 1);
   ctx->fileMode = 1;
-  ctx->outFile = VTQ_FileOpen(ctx->outPath, "wb");
+  // Opening the input itself for writing would truncate the document.
+  if (!SameFile(ctx->inPath, ctx->outPath)) ctx->outFile = VTQ_FileOpen(ctx->outPath, "wb");
   if (!ctx->outFile) {
     VTQ_FileClose(ctx->inFile);
     closeall(ctx);

@@ -172,7 +172,8 @@ int RunTextConversion(ConvContext *ctx, const char *logBase) {
   VTQ_FileClose(ctx->inFile);
   ctx->inFile = nullptr;
   if (ctx->fileMode == 1) {
-    VTQ_FileClose(ctx->outFile);
+    // Buffered text that cannot be written fails only here.
+    if (VTQ_FileClose(ctx->outFile) != 0) ctx->writeFailed = 1;
     ctx->outFile = nullptr;
   }
   if ((flags & KLN_FLAG_LOG) && ctx->logFile) {
@@ -181,12 +182,14 @@ int RunTextConversion(ConvContext *ctx, const char *logBase) {
     ctx->logFile = nullptr;
   }
 
+  // Text that did not reach the output is a failure whatever else happened.
+  if (ctx->writeFailed) return kFormatError;
   const bool nothingProduced = ctx->totalOut == 0 && OleStateTotal(ctx) == 0;
   if (ctx->fileMode == 1) {
     if (result == kOleRefused || result == kOleFailed) {
-      VTQ_ASC_remove(ctx->outPath);
+      RemoveOutput(ctx);
     } else if (nothingProduced) {
-      VTQ_ASC_remove(ctx->outPath);
+      RemoveOutput(ctx);
       if (result == kOk) result = kNoText;
     }
   } else if (nothingProduced && result == kOk) {

@@ -91,6 +91,7 @@ struct ConvContext {
   uint8_t *oleState;  // VTQ_OLE_STATE_SIZE bytes
   uint32_t totalOut;
   uint32_t writeState;
+  uint8_t writeFailed;  // a write or the closing of the output failed
   uint8_t headerVariant;
   VTQ_FILE *inFile;
   VTQ_FILE *outFile;
