@@ -435,9 +435,11 @@ int FindDSET(ConvContext *ctx) {
     do {
       if (comm_read(b, 1, 1, ctx->inFile) < 1) return kFormatError;
     } while (b[0] != 'D');
-    // The three bytes after a 'D' are compared and not examined again.
-    if (comm_read(b + 1, 1, 3, ctx->inFile) < 1) return kFormatError;
-    if (IsTag(b, "DSET")) break;
+    // The three bytes after a 'D' are compared and not examined again;
+    // fewer than three means the file ended inside them.
+    const size_t got = comm_read(b + 1, 1, 3, ctx->inFile);
+    if (got < 1) return kFormatError;
+    if (got == 3 && IsTag(b, "DSET")) break;
   }
   if (VTQ_FileSeek(ctx->inFile, -6, 1) != 0) return kFormatError;
   b[0] = b[1] = 0;

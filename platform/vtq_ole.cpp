@@ -44,6 +44,44 @@ constexpr int kMaxNesting = 4;
 // How deep this thread is inside embedded KLN documents.
 thread_local int t_nesting = 0;
 
+// ---- The compound-file reader's complaints ----
+//
+// The reader checks its own invariants and complains on standard error
+// when a damaged file breaks one, which a damaged object may always do; the
+// object is answered with a result code instead. Which checks a file
+// breaks is the reader's own affair, so they cannot all be avoided
+// beforehand. A handler is therefore set for the reader's domains around
+// each call only, and removed after it; it drops what this thread's call
+// makes the reader say and hands every other thread's messages on, so a
+// host's own use of the reader logs as before.
+
+thread_local int t_quiet = 0;  // calls into the reader under way on this thread
+
+void DropOwnMessages(const gchar *domain, GLogLevelFlags level, const gchar *text, gpointer) {
+  if (t_quiet == 0) g_log_default_handler(domain, level, text, nullptr);
+}
+
+class QuietReader {
+ public:
+  QuietReader() {
+    ++t_quiet;
+    for (size_t i = 0; i < kDomains; ++i) ids_[i] = g_log_set_handler(kDomain[i], kLevels, DropOwnMessages, nullptr);
+  }
+  ~QuietReader() {
+    for (size_t i = 0; i < kDomains; ++i) g_log_remove_handler(kDomain[i], ids_[i]);
+    --t_quiet;
+  }
+  QuietReader(const QuietReader &) = delete;
+  QuietReader &operator=(const QuietReader &) = delete;
+
+ private:
+  static constexpr size_t kDomains = 2;
+  static constexpr const char *kDomain[kDomains] = {"libgsf", "libgsf:msole"};
+  static constexpr GLogLevelFlags kLevels =
+      GLogLevelFlags(G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_WARNING | G_LOG_LEVEL_MESSAGE);
+  guint ids_[kDomains];
+};
+
 // ---- Temporary files ----
 
 // Creates a new, empty, owner-only file named dir/vtqXXXXXX in name.
@@ -366,6 +404,7 @@ GsfInput *Child(GsfInfile *root, const char *name) {
 
 int ExtractOle(VTQ_OLE *ole, const Sink &sink) {
   if (!ole || !sink.options || !sink.state || (!sink.file && !sink.stream)) return kFormatError;
+  QuietReader quiet;
   GsfInput *in = Child(ole->root, "\x01Ole10Native");
   int result;
   if (in) {
@@ -378,8 +417,6 @@ int ExtractOle(VTQ_OLE *ole, const Sink &sink) {
   g_object_unref(in);
   return result;
 }
-
-void IgnoreLog(const gchar *, GLogLevelFlags, const gchar *, gpointer) {}
 
 }  // namespace
 
@@ -401,14 +438,9 @@ int VTQ_ASC_tmpnam1(const char *base, char *name260) {
 
 VTQ_OLE *VTQ_2OLEopen(const char *path) {
   static std::once_flag once;
-  std::call_once(once, [] {
-    gsf_init();
-    // A damaged object is answered with an error code; the compound-file
-    // reader's own complaints about it would only clutter the host's output.
-    for (const char *domain : {"libgsf", "libgsf:msole"})
-      g_log_set_handler(domain, GLogLevelFlags(G_LOG_LEVEL_WARNING | G_LOG_LEVEL_MESSAGE), IgnoreLog, nullptr);
-  });
+  std::call_once(once, [] { gsf_init(); });
   if (!path) return nullptr;
+  QuietReader quiet;
   GsfInput *file = gsf_input_stdio_new(path, nullptr);
   if (!file) return nullptr;
   const gsf_off_t size = gsf_input_size(file);
@@ -426,6 +458,7 @@ VTQ_OLE *VTQ_2OLEopen(const char *path) {
 
 void VTQ_2OLEclose(VTQ_OLE *ole) {
   if (!ole) return;
+  QuietReader quiet;
   g_object_unref(ole->root);
   std::free(ole);
 }
