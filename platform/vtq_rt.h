@@ -31,10 +31,6 @@ VTQ_RT_API void *VTQ_calloc(size_t count, size_t size);
 VTQ_RT_API void *VTQ_malloc(size_t size);
 VTQ_RT_API void *VTQ_realloc(void *p, size_t size);
 VTQ_RT_API void VTQ_free(void *p);
-/* Test hook: the n-th allocation (calloc, malloc or realloc) from now
- * fails; 0 switches failures off. VTQ_AllocCount counts allocations made. */
-VTQ_RT_API void VTQ_SetAllocFailAt(long n);
-VTQ_RT_API long VTQ_AllocCount(void);
 
 /* ---- Character conversion. ---- */
 /* One conversion run: input [in + inPos, in + inLen) is converted into

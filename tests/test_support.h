@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "alloc_hook.h"
 #include "corpus.h"
 #include "kln_builder.h"
 #include "vtq_txkln.h"
