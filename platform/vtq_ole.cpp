@@ -16,7 +16,6 @@
 #include <gsf/gsf-infile.h>
 #include <gsf/gsf-input-stdio.h>
 #include <gsf/gsf-input.h>
-#include <gsf/gsf-utils.h>
 #include <iconv.h>
 #include <unistd.h>
 
@@ -122,7 +121,8 @@ class QuietReader {
  public:
   QuietReader() {
     ++t_quiet;
-    for (size_t i = 0; i < kDomains; ++i) ids_[i] = g_reader.log_set_handler(kDomain[i], kLevels, DropOwnMessages, nullptr);
+    for (size_t i = 0; i < kDomains; ++i)
+      ids_[i] = g_reader.log_set_handler(kDomain[i], kLevels, DropOwnMessages, nullptr);
   }
   ~QuietReader() {
     for (size_t i = 0; i < kDomains; ++i) g_reader.log_remove_handler(kDomain[i], ids_[i]);

@@ -134,8 +134,10 @@ TEST(EntryPoints, OutputThatIsTheInputIsRefusedUntouched) {
   } kCases[] = {
       {"same path", [](const TempDir &d) { return d.file("in.kln"); }},
       {"another spelling", [](const TempDir &d) { return d.path() + "/./in.kln"; }},
-      {"hard link", [](const TempDir &d) { return link(d.file("in.kln").c_str(), d.file("hard").c_str()) == 0 ? d.file("hard") : ""; }},
-      {"symbolic link", [](const TempDir &d) { return symlink("in.kln", d.file("soft").c_str()) == 0 ? d.file("soft") : ""; }},
+      {"hard link",
+       [](const TempDir &d) { return link(d.file("in.kln").c_str(), d.file("hard").c_str()) ? "" : d.file("hard"); }},
+      {"symbolic link",
+       [](const TempDir &d) { return symlink("in.kln", d.file("soft").c_str()) ? "" : d.file("soft"); }},
   };
   const FilterOptions opt = kln::Options("UTF-8", KLN_FLAG_LOG);
   const KlnCharsetInfo cs = kln::Charset();
