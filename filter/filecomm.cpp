@@ -1,6 +1,8 @@
 // The filter's single reading and writing paths.
 #include "filecomm.h"
 
+#include <sys/stat.h>
+
 #include "events.h"
 
 size_t comm_read(void *buf, size_t size, size_t count, VTQ_FILE *f) { return VTQ_FileRead(buf, size, count, f); }
@@ -25,31 +27,33 @@ size_t WriteOut(ConvContext *ctx, VTQ_FILE *f, uint32_t n) {
 // A failed conversion answers 0, so that every caller ends with 3000.
 int comm_write(const void *text, size_t size, size_t count, VTQ_FILE *f, ConvContext *ctx) {
   if (ctx->writeState == kWriteStopped) return -1;
+  if (ctx->writeFailed) return 0;
   ConvRun run;
   if (CodeConvStart(ctx, run, static_cast<const uint8_t *>(text), static_cast<uint32_t>(size * count), 3) != kOk)
     return 0;
   const FilterOptions *opt = ctx->options;
   const bool limitOn = (opt->flags & KLN_FLAG_SIZE_LIMIT) != 0;
   uint64_t produced = 0, written = 0;
-  bool stopped = false;  // cut at the limit, or the output failed
+  bool stopped = false;  // cut at the limit
   do {
     if (CodeConvPiece(ctx, run) != kOk) {
       CodeConvEnd(ctx, run, static_cast<uint32_t>(produced));
       return 0;
     }
-    uint32_t n = ctx->outLen;
+    uint32_t n = stopped ? 0 : ctx->outLen;
     if (!stopped && limitOn && ctx->totalOut + produced + n > opt->sizeLimit) {
       const uint64_t used = ctx->totalOut + produced;
       const uint32_t allowance = used >= opt->sizeLimit ? 0 : static_cast<uint32_t>(opt->sizeLimit - used);
       n = CutStr(ctx->outBuf, n, allowance, opt);
       stopped = true;
-      if (n > 0) written += WriteOut(ctx, f, n);
-    } else if (!stopped && n > 0) {
-      const size_t w = WriteOut(ctx, f, n);
-      written += w;
-      if (w < n) stopped = true;
     }
     produced += ctx->outLen;
+    if (n > 0 && WriteOut(ctx, f, n) < n) {
+      ctx->writeFailed = 1;
+      CodeConvEnd(ctx, run, static_cast<uint32_t>(produced));
+      return 0;
+    }
+    written += n;
   } while (CodeConvMore(run));
   CodeConvEnd(ctx, run, static_cast<uint32_t>(produced));
 
@@ -60,4 +64,14 @@ int comm_write(const void *text, size_t size, size_t count, VTQ_FILE *f, ConvCon
   }
   if (produced == 0) return 1;
   return static_cast<int>(written > 0x7FFFFFFF ? 0x7FFFFFFF : written);
+}
+
+bool SameFile(const char *a, const char *b) {
+  struct stat sa, sb;
+  return stat(a, &sa) == 0 && stat(b, &sb) == 0 && sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+}
+
+void RemoveOutput(const ConvContext *ctx) {
+  struct stat st;
+  if (stat(ctx->outPath, &st) == 0 && S_ISREG(st.st_mode)) VTQ_ASC_remove(ctx->outPath);
 }

@@ -17,7 +17,8 @@ int TextToFile(const KlnInput &in, const char *outPath, const FilterOptions *opt
   if (r != kOk) return r;
   std::memcpy(ctx->outPath, outPath, std::strlen(outPath) + 1);
   ctx->fileMode = 1;
-  ctx->outFile = VTQ_FileOpen(ctx->outPath, "wb");
+  // Opening the input itself for writing would truncate the document.
+  if (!SameFile(ctx->inPath, ctx->outPath)) ctx->outFile = VTQ_FileOpen(ctx->outPath, "wb");
   if (!ctx->outFile) {
     VTQ_FileClose(ctx->inFile);
     closeall(ctx);

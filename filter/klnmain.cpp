@@ -172,7 +172,8 @@ int RunTextConversion(ConvContext *ctx, const char *logBase) {
   VTQ_FileClose(ctx->inFile);
   ctx->inFile = nullptr;
   if (ctx->fileMode == 1) {
-    VTQ_FileClose(ctx->outFile);
+    // Buffered text that cannot be written fails only here.
+    if (VTQ_FileClose(ctx->outFile) != 0) ctx->writeFailed = 1;
     ctx->outFile = nullptr;
   }
   if ((flags & KLN_FLAG_LOG) && ctx->logFile) {
@@ -181,12 +182,14 @@ int RunTextConversion(ConvContext *ctx, const char *logBase) {
     ctx->logFile = nullptr;
   }
 
+  // Text that did not reach the output is a failure whatever else happened.
+  if (ctx->writeFailed) return kFormatError;
   const bool nothingProduced = ctx->totalOut == 0 && OleStateTotal(ctx) == 0;
   if (ctx->fileMode == 1) {
     if (result == kOleRefused || result == kOleFailed) {
-      VTQ_ASC_remove(ctx->outPath);
+      RemoveOutput(ctx);
     } else if (nothingProduced) {
-      VTQ_ASC_remove(ctx->outPath);
+      RemoveOutput(ctx);
       if (result == kOk) result = kNoText;
     }
   } else if (nothingProduced && result == kOk) {
@@ -432,9 +435,11 @@ int FindDSET(ConvContext *ctx) {
     do {
       if (comm_read(b, 1, 1, ctx->inFile) < 1) return kFormatError;
     } while (b[0] != 'D');
-    // The three bytes after a 'D' are compared and not examined again.
-    if (comm_read(b + 1, 1, 3, ctx->inFile) < 1) return kFormatError;
-    if (IsTag(b, "DSET")) break;
+    // The three bytes after a 'D' are compared and not examined again;
+    // fewer than three means the file ended inside them.
+    const size_t got = comm_read(b + 1, 1, 3, ctx->inFile);
+    if (got < 1) return kFormatError;
+    if (got == 3 && IsTag(b, "DSET")) break;
   }
   if (VTQ_FileSeek(ctx->inFile, -6, 1) != 0) return kFormatError;
   b[0] = b[1] = 0;

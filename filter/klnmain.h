@@ -96,6 +96,7 @@ struct ConvContext {
   uint8_t *oleState;  // VTQ_OLE_STATE_SIZE bytes
   uint64_t totalOut;  // 64-bit: a table's text may pass 4 GiB
   uint32_t writeState;
+  uint8_t writeFailed;  // a write or the closing of the output failed
   uint8_t headerVariant;
   VTQ_FILE *inFile;
   VTQ_FILE *outFile;

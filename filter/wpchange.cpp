@@ -344,13 +344,27 @@ bool MakeTempName(ConvContext *ctx, char *name) {
   return VTQ_ASC_tmpnam(name) != 0;
 }
 
-// Lets the runtime write the text of the opened object to the output.
+// Hands the object's text on to the output stream (the host's, or the
+// events' text). A failed write is noted here: the object's own result
+// would pass it off as a damaged object.
+long ForwardToHost(void *user, const void *data, long len) {
+  auto *ctx = static_cast<ConvContext *>(user);
+  if (VTQ_WriteStream(ctx->outStream, len, data) != -1) return len;
+  ctx->writeFailed = 1;
+  return 0;
+}
+
+// Lets the runtime write the text of the opened object to the output. In
+// file mode a failed write shows when the output is closed.
 int ExtractOleText(ConvContext *ctx, VTQ_OLE *ole) {
   if (!ctx->oleState) return kFormatError;
   PutOleStateTotal(ctx);
   int code;
   if (ctx->streamMode != 0) {  // the host's stream, or the events' text
-    code = VTQ_GetOleTextStreamWithErrCallback(ole, ctx->outStream, ctx->options, ctx->oleState, ctx->errCallback);
+    VTQ_STREAM *out = VTQ_StreamCreate(ForwardToHost, ctx);
+    if (!out) return kNoMemory;
+    code = VTQ_GetOleTextStreamWithErrCallback(ole, out, ctx->options, ctx->oleState, ctx->errCallback);
+    VTQ_StreamDestroy(out);
   } else {
     std::memcpy(ctx->oleState, ctx->outPath, kPathSize);
     code = VTQ_GetOleTextWithErrCallback(ole, ctx->outFile, ctx->options, ctx->oleState, ctx->errCallback);

@@ -85,9 +85,12 @@ int VTQ_FileSeek(VTQ_FILE *f, long offset, int whence) {
 
 long VTQ_FileTell(VTQ_FILE *f) { return f ? std::ftell(AsFile(f)) : -1; }
 
+// Non-zero when closing fails or any earlier read or write on f failed, so
+// that a caller checking only the close misses no failed write.
 int VTQ_FileClose(VTQ_FILE *f) {
   if (!f) return -1;
-  return std::fclose(AsFile(f));
+  const bool failedBefore = std::ferror(AsFile(f)) != 0;
+  return std::fclose(AsFile(f)) != 0 || failedBefore ? EOF : 0;
 }
 
 int VTQ_ASC_remove(const char *path) { return path ? std::remove(path) : -1; }

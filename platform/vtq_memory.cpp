@@ -1,36 +1,17 @@
-// The runtime allocator. Every allocation of the filter passes here, so a
-// test can make the n-th one fail and watch the result the filter gives.
-#include <atomic>
+// The runtime allocator. Every allocation of the filter passes here; the
+// tests put counting, failing versions of these in front of them.
 #include <cstdlib>
 
 #include "vtq_rt.h"
 
-namespace {
-std::atomic<long> g_count{0};
-std::atomic<long> g_failAt{0};  // absolute allocation number that fails; 0 = never
-
-// Counts one allocation and says whether it is the one to fail.
-bool NextFails() {
-  long n = g_count.fetch_add(1, std::memory_order_relaxed) + 1;
-  long at = g_failAt.load(std::memory_order_relaxed);
-  return at != 0 && n == at;
-}
-}  // namespace
-
 extern "C" {
 
-void *VTQ_calloc(size_t count, size_t size) { return NextFails() ? nullptr : std::calloc(count, size); }
+void *VTQ_calloc(size_t count, size_t size) { return std::calloc(count, size); }
 
-void *VTQ_malloc(size_t size) { return NextFails() ? nullptr : std::malloc(size); }
+void *VTQ_malloc(size_t size) { return std::malloc(size); }
 
-void *VTQ_realloc(void *p, size_t size) { return NextFails() ? nullptr : std::realloc(p, size); }
+void *VTQ_realloc(void *p, size_t size) { return std::realloc(p, size); }
 
 void VTQ_free(void *p) { std::free(p); }
-
-void VTQ_SetAllocFailAt(long n) {
-  g_failAt.store(n > 0 ? g_count.load() + n : 0, std::memory_order_relaxed);
-}
-
-long VTQ_AllocCount(void) { return g_count.load(std::memory_order_relaxed); }
 
 }  // extern "C"

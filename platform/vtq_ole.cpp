@@ -17,7 +17,6 @@
 #include <gsf/gsf-infile.h>
 #include <gsf/gsf-input-stdio.h>
 #include <gsf/gsf-input.h>
-#include <gsf/gsf-utils.h>
 #include <iconv.h>
 #include <unistd.h>
 
@@ -44,6 +43,102 @@ constexpr int kMaxNesting = 4;
 
 // How deep this thread is inside embedded KLN documents.
 thread_local int t_nesting = 0;
+
+// ---- The compound-file reader, loaded on first use ----
+//
+// Only documents with embedded objects need the reader, and it brings GLib
+// and a score of other libraries with it: it is loaded when the first
+// object is met, so that a process converting plain documents never maps
+// them. An object met while it cannot be loaded is one that cannot be read.
+
+struct Reader {
+  void (*init)(void);
+  GsfInput *(*input_stdio_new)(const char *, GError **);
+  gsf_off_t (*input_size)(GsfInput *);
+  const guint8 *(*input_read)(GsfInput *, size_t, guint8 *);
+  GsfInfile *(*infile_msole_new)(GsfInput *, GError **);
+  int (*infile_num_children)(GsfInfile *);
+  const char *(*infile_name_by_index)(GsfInfile *, int);
+  void (*object_unref)(gpointer);
+  void (*error_free)(GError *);
+  guint (*log_set_handler)(const gchar *, GLogLevelFlags, GLogFunc, gpointer);
+  void (*log_remove_handler)(const gchar *, guint);
+  void (*log_default_handler)(const gchar *, GLogLevelFlags, const gchar *, gpointer);
+};
+
+// Filled once by LoadReader; every call below follows a successful load.
+Reader g_reader;
+
+template <class Fn>
+bool Find(void *lib, const char *name, Fn *fn) {
+  *fn = reinterpret_cast<Fn>(dlsym(lib, name));
+  return *fn != nullptr;
+}
+
+// Loads the reader (once per process); false when it is not there.
+bool LoadReader() {
+  static std::once_flag once;
+  static bool loaded = false;
+  std::call_once(once, [] {
+    void *lib = dlopen(VTQ_GSF_SONAME, RTLD_NOW | RTLD_LOCAL);
+    if (!lib) return;
+    Reader &r = g_reader;
+    loaded = Find(lib, "gsf_init", &r.init) && Find(lib, "gsf_input_stdio_new", &r.input_stdio_new) &&
+             Find(lib, "gsf_input_size", &r.input_size) && Find(lib, "gsf_input_read", &r.input_read) &&
+             Find(lib, "gsf_infile_msole_new", &r.infile_msole_new) &&
+             Find(lib, "gsf_infile_num_children", &r.infile_num_children) &&
+             Find(lib, "gsf_infile_name_by_index", &r.infile_name_by_index) &&
+             Find(lib, "g_object_unref", &r.object_unref) && Find(lib, "g_error_free", &r.error_free) &&
+             Find(lib, "g_log_set_handler", &r.log_set_handler) &&
+             Find(lib, "g_log_remove_handler", &r.log_remove_handler) &&
+             Find(lib, "g_log_default_handler", &r.log_default_handler);
+    if (!loaded) {
+      dlclose(lib);
+      return;
+    }
+    r.init();  // the library stays loaded for the life of the process
+  });
+  return loaded;
+}
+
+// ---- The compound-file reader's complaints ----
+//
+// The reader checks its own invariants and complains on standard error
+// when a damaged file breaks one, which a damaged object may always do; the
+// object is answered with a result code instead. Which checks a file
+// breaks is the reader's own affair, so they cannot all be avoided
+// beforehand. A handler is therefore set for the reader's domains around
+// each call only, and removed after it; it drops what this thread's call
+// makes the reader say and hands every other thread's messages on, so a
+// host's own use of the reader logs as before.
+
+thread_local int t_quiet = 0;  // calls into the reader under way on this thread
+
+void DropOwnMessages(const gchar *domain, GLogLevelFlags level, const gchar *text, gpointer) {
+  if (t_quiet == 0) g_reader.log_default_handler(domain, level, text, nullptr);
+}
+
+class QuietReader {
+ public:
+  QuietReader() {
+    ++t_quiet;
+    for (size_t i = 0; i < kDomains; ++i)
+      ids_[i] = g_reader.log_set_handler(kDomain[i], kLevels, DropOwnMessages, nullptr);
+  }
+  ~QuietReader() {
+    for (size_t i = 0; i < kDomains; ++i) g_reader.log_remove_handler(kDomain[i], ids_[i]);
+    --t_quiet;
+  }
+  QuietReader(const QuietReader &) = delete;
+  QuietReader &operator=(const QuietReader &) = delete;
+
+ private:
+  static constexpr size_t kDomains = 2;
+  static constexpr const char *kDomain[kDomains] = {"libgsf", "libgsf:msole"};
+  static constexpr GLogLevelFlags kLevels =
+      GLogLevelFlags(G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_WARNING | G_LOG_LEVEL_MESSAGE);
+  guint ids_[kDomains];
+};
 
 // ---- Temporary files ----
 
@@ -271,11 +366,11 @@ int WriteKln(const Sink &sink, const uint8_t *data, size_t len) {
 
 // Reads a whole stream; null when it cannot be read.
 uint8_t *ReadStream(const VTQ_OLE *ole, GsfInput *in, size_t *len) {
-  const gsf_off_t size = gsf_input_size(in);
+  const gsf_off_t size = g_reader.input_size(in);
   if (size < 0 || size > ole->fileSize) return nullptr;
   auto *data = static_cast<uint8_t *>(std::malloc(static_cast<size_t>(size) + 1));
   if (!data) return nullptr;
-  if (size > 0 && !gsf_input_read(in, static_cast<size_t>(size), data)) {
+  if (size > 0 && !g_reader.input_read(in, static_cast<size_t>(size), data)) {
     std::free(data);
     return nullptr;
   }
@@ -338,13 +433,15 @@ int ExtractContents(const VTQ_OLE *ole, GsfInput *in, const Sink &sink) {
 // complains on standard error about a damaged stream, which is answered
 // with an error code here anyway.
 GsfInput *Child(GsfInfile *root, const char *name) {
-  const int n = gsf_infile_num_children(root);
+  const int n = g_reader.infile_num_children(root);
   for (int i = 0; i < n; ++i) {
-    const char *child = gsf_infile_name_by_index(root, i);
+    const char *child = g_reader.infile_name_by_index(root, i);
     if (!child || std::strcmp(child, name) != 0) continue;
     GError *err = nullptr;
-    GsfInput *in = GSF_INFILE_CLASS(G_OBJECT_GET_CLASS(root))->child_by_index(root, i, &err);
-    if (err) g_error_free(err);
+    // The class is read directly: the checked cast would need the type system's functions.
+    auto *cls = reinterpret_cast<GsfInfileClass *>(reinterpret_cast<GTypeInstance *>(root)->g_class);
+    GsfInput *in = cls->child_by_index(root, i, &err);
+    if (err) g_reader.error_free(err);
     return in;
   }
   return nullptr;
@@ -352,6 +449,7 @@ GsfInput *Child(GsfInfile *root, const char *name) {
 
 int ExtractOle(VTQ_OLE *ole, const Sink &sink) {
   if (!ole || !sink.options || !sink.state || (!sink.file && !sink.stream)) return kFormatError;
+  QuietReader quiet;
   GsfInput *in = Child(ole->root, "\x01Ole10Native");
   int result;
   if (in) {
@@ -361,11 +459,9 @@ int ExtractOle(VTQ_OLE *ole, const Sink &sink) {
   } else {
     return KLN_ERR_OLE_UNSUPPORTED;
   }
-  g_object_unref(in);
+  g_reader.object_unref(in);
   return result;
 }
-
-void IgnoreLog(const gchar *, GLogLevelFlags, const gchar *, gpointer) {}
 
 }  // namespace
 
@@ -386,24 +482,17 @@ int VTQ_ASC_tmpnam1(const char *base, char *name260) {
 }
 
 VTQ_OLE *VTQ_2OLEopen(const char *path) {
-  static std::once_flag once;
-  std::call_once(once, [] {
-    gsf_init();
-    // A damaged object is answered with an error code; the compound-file
-    // reader's own complaints about it would only clutter the host's output.
-    for (const char *domain : {"libgsf", "libgsf:msole"})
-      g_log_set_handler(domain, GLogLevelFlags(G_LOG_LEVEL_WARNING | G_LOG_LEVEL_MESSAGE), IgnoreLog, nullptr);
-  });
-  if (!path) return nullptr;
-  GsfInput *file = gsf_input_stdio_new(path, nullptr);
+  if (!path || !LoadReader()) return nullptr;
+  QuietReader quiet;
+  GsfInput *file = g_reader.input_stdio_new(path, nullptr);
   if (!file) return nullptr;
-  const gsf_off_t size = gsf_input_size(file);
-  GsfInfile *root = gsf_infile_msole_new(file, nullptr);
-  g_object_unref(file);
+  const gsf_off_t size = g_reader.input_size(file);
+  GsfInfile *root = g_reader.infile_msole_new(file, nullptr);
+  g_reader.object_unref(file);
   if (!root) return nullptr;
   auto *ole = static_cast<VTQ_OLE *>(std::malloc(sizeof(VTQ_OLE)));
   if (!ole) {
-    g_object_unref(root);
+    g_reader.object_unref(root);
     return nullptr;
   }
   *ole = {root, size};
@@ -412,7 +501,8 @@ VTQ_OLE *VTQ_2OLEopen(const char *path) {
 
 void VTQ_2OLEclose(VTQ_OLE *ole) {
   if (!ole) return;
-  g_object_unref(ole->root);
+  QuietReader quiet;
+  g_reader.object_unref(ole->root);
   std::free(ole);
 }
 

@@ -28,6 +28,7 @@ VTQ_RT_API size_t VTQ_FileWrite(const void *buf, size_t size, size_t count, VTQ_
 VTQ_RT_API int VTQ_FileSeek(VTQ_FILE *f, long offset, int whence);
 /* The reading position, or -1. */
 VTQ_RT_API long VTQ_FileTell(VTQ_FILE *f);
+/* Non-zero when the close or any earlier read or write on f failed. */
 VTQ_RT_API int VTQ_FileClose(VTQ_FILE *f);
 VTQ_RT_API int VTQ_ASC_remove(const char *path);
 
@@ -36,10 +37,6 @@ VTQ_RT_API void *VTQ_calloc(size_t count, size_t size);
 VTQ_RT_API void *VTQ_malloc(size_t size);
 VTQ_RT_API void *VTQ_realloc(void *p, size_t size);
 VTQ_RT_API void VTQ_free(void *p);
-/* Test hook: the n-th allocation (calloc, malloc or realloc) from now
- * fails; 0 switches failures off. VTQ_AllocCount counts allocations made. */
-VTQ_RT_API void VTQ_SetAllocFailAt(long n);
-VTQ_RT_API long VTQ_AllocCount(void);
 
 /* ---- Character conversion. ---- */
 /* One conversion run: input [in + inPos, in + inLen) is converted into

@@ -1,7 +1,10 @@
 // Drawings and their embedded OLE objects: the block walk, the extraction
 // of packaged texts and documents, the option bits, the size limit and the
 // temporary files.
+#include <glib.h>
 #include <gtest/gtest.h>
+
+#include <algorithm>
 
 #include "klnmain.h"
 #include "ole_builder.h"
@@ -179,6 +182,31 @@ TEST_F(OleTest, FailedObjectsFailTheDocumentUnlessContinued) {
     EXPECT_EQ(passed.code, 0) << what;
     EXPECT_EQ(passed.text, "abc\rgoodxyz\r") << what;
   }
+}
+
+// A compound file whose CONTENTS entry has the u32 at `field` (116 first
+// sector, 120 size) replaced.
+Bytes DamagedEntry(size_t field, uint32_t value) {
+  Bytes b = kln::CompoundFile({{"CONTENTS", Str("text")}});
+  const std::string name("C\0O\0N\0T\0E\0N\0T\0S\0", 16);
+  const auto at = std::search(b.begin(), b.end(), name.begin(), name.end()) - b.begin() + field;
+  for (int i = 0; i < 4; ++i) b[at + i] = uint8_t(value >> (8 * i));
+  return b;
+}
+
+// The reader's complaints about a damaged object stay out of the host's
+// standard error, and the host's own messages still reach it.
+TEST_F(OleTest, DamagedObjectsSayNothingOnStandardError) {
+  const Bytes doc = Doc({DrawingObject::Ole(DamagedEntry(116, 0xFFFF00)),
+                         DrawingObject::Ole(DamagedEntry(120, 0x7FFFFFF0)), PackagedText("good")});
+  testing::internal::CaptureStderr();
+  const kln::Result r = RunBoth(doc, kln::Options("UTF-8", kExtract | KLN_FLAG_OLE_CONTINUE));
+  g_log("libgsf:msole", G_LOG_LEVEL_WARNING, "the host's own warning");
+  const std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(r.code, 0);
+  EXPECT_EQ(r.text, "abc\rgoodxyz\r");
+  EXPECT_EQ(err.find("CRITICAL"), std::string::npos) << err;
+  EXPECT_NE(err.find("the host's own warning"), std::string::npos) << err;
 }
 
 TEST_F(OleTest, MalformedDrawingBlocks) {

@@ -4,12 +4,12 @@
 
 #include <dirent.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
 
 namespace kln {
@@ -39,8 +39,8 @@ TempDir::TempDir() {
 }
 
 TempDir::~TempDir() {
-  for (const std::string &name : list()) std::remove(file(name).c_str());
-  rmdir(path_.c_str());
+  std::error_code ignored;  // a destructor has no one to tell
+  std::filesystem::remove_all(path_, ignored);
 }
 
 std::vector<std::string> TempDir::list() const {
@@ -94,6 +94,23 @@ Result RunFile(const Bytes &doc, const FilterOptions &opt, const KlnCharsetInfo 
   r.outputExists = stat(out.c_str(), &st) == 0;
   r.text = ReadAll(out);
   return r;
+}
+
+std::string Transcript(const NamedDocument &doc) {
+  const FilterOptions opt = Options("UTF-8", doc.flags);
+  const Result stream = RunStream(doc.bytes, opt), file = RunFile(doc.bytes, opt);
+  std::string t = doc.name + "\nstream " + std::to_string(stream.code) + "\n" + stream.text + "\nfile " +
+                  std::to_string(file.code) + "\n" + file.text + "\nproperties ";
+  TempDir dir;
+  const std::string path = dir.file("p.kln");
+  WriteFile(path, doc.bytes);
+  const KlnCharsetInfo cs = Charset();
+  std::vector<char> record(KLN_PROPERTY_RECORD_SIZE);
+  t += std::to_string(GetProperty(path.c_str(), &opt, record.data(), &cs));
+  for (size_t at : {KLN_PROP_TITLE, KLN_PROP_AUTHOR, KLN_PROP_KEYWORDS, KLN_PROP_DESCRIPTION, KLN_PROP_CLASS,
+                    KLN_PROP_VERSION})
+    t += "\n" + std::string(record.data() + at);
+  return t + "\n";
 }
 
 }  // namespace kln

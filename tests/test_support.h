@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "alloc_hook.h"
+#include "corpus.h"
 #include "kln_builder.h"
 #include "vtq_txkln.h"
 
@@ -74,6 +76,11 @@ Result RunStream(const Bytes &doc, const FilterOptions &opt = Options(), const K
 Result RunFile(const Bytes &doc, const FilterOptions &opt = Options(), const KlnCharsetInfo &cs = Charset());
 
 std::string ReadAll(const std::string &path);
+
+// Everything the filter answers for doc, read with its own option bits:
+// the code and text of stream and file mode, the code and the six strings
+// of GetProperty. Equal transcripts mean equal behaviour.
+std::string Transcript(const NamedDocument &doc);
 
 // A context of the filter opened on a document, for driving its stages
 // one by one. Output goes to `text` (stream mode).

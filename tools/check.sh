@@ -2,6 +2,8 @@
 # Builds the project twice and runs every test in both builds:
 #   build-check      g++, warnings are errors
 #   build-sanitize   clang with AddressSanitizer and UndefinedBehaviorSanitizer
+# then runs the corpus under memcheck (build-check) and the thread test
+# under ThreadSanitizer (build-tsan, that test alone).
 set -e
 cd "$(dirname "$0")/.."
 JOBS=${JOBS:-2}
@@ -16,3 +18,20 @@ cmake -S . -B build-sanitize -DCMAKE_BUILD_TYPE=Debug -DKLN_WERROR=ON -DKLN_SANI
 cmake --build build-sanitize -j "$JOBS"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --test-dir build-sanitize --output-on-failure -j "$JOBS"
+
+# ---- Memcheck leg: the build-check binaries over the shared corpus ----
+# The corpus host program (every document in stream mode, file mode and for
+# its properties) and the replay of the fuzz seeds and regression inputs;
+# an uninitialised read or a definite leak fails the run.
+VALGRIND="valgrind -q --error-exitcode=1 --leak-check=full --errors-for-leak-kinds=definite"
+$VALGRIND build-check/tests/hosts/corpus_text > /dev/null
+for h in text property; do
+  $VALGRIND build-check/fuzz/fuzz_$h build-check/fuzz/seeds fuzz/regressions > /dev/null
+done
+
+# ---- ThreadSanitizer leg: the corpus on eight threads at once ----
+# A third, small build: only the thread test and what it links.
+cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKLN_WERROR=ON -DKLN_SANITIZE=thread \
+  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+cmake --build build-tsan -j "$JOBS" --target kln_thread_tests
+TSAN_OPTIONS="halt_on_error=1 suppressions=$PWD/tools/tsan.supp" build-tsan/tests/kln_thread_tests --gtest_brief=1

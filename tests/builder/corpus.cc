@@ -34,6 +34,12 @@ NamedDocument SecondVariantWithScan() {
   d.dataSets = {unknown, unknown};
   return {"variant1_scan", d.build()};
 }
+// A scan for "DSET" that meets the end of the file two bytes into a tag.
+NamedDocument ScanEndsInTag() {
+  Header h;
+  h.mark1 = 0x07;
+  return {"scan_ends_in_tag", Cat({h.build(), Bytes{0, 1}, Str("xxxxDS")})};
+}
 NamedDocument Letter() {
   WpDataSet page;
   page.objects = {{4, "Sato"}, {3, "", std::nullopt, Bytes(12, 7)}, {4, "\x93\xfa\x96\x7b"}};
@@ -96,7 +102,7 @@ NamedDocument Members() {
 }  // namespace
 
 std::vector<NamedDocument> Corpus() {
-  return {HeaderOnly(), StyleChainOnly(), SecondVariantWithScan(), Letter(), Budget(), Members(), Drawing()};
+  return {HeaderOnly(), StyleChainOnly(), SecondVariantWithScan(), ScanEndsInTag(), Letter(), Budget(), Members(), Drawing()};
 }
 
 }  // namespace kln
