@@ -156,7 +156,7 @@ int RunTextConversion(ConvContext *ctx, const char *logBase) {
   const uint32_t flags = ctx->options->flags;
   int result;
   if (flags & KLN_FLAG_LOG) {
-    GetLogFileName(logBase, "KLN", ctx->logName);
+    if (*logBase) GetLogFileName(logBase, "KLN", ctx->logName);
     ctx->logFile = vtq_logfopen(flags, ctx->logName);
     if (!ctx->logFile) {
       result = kOpenFailed;
@@ -553,7 +553,17 @@ int CodeConv(ConvContext *ctx, const uint8_t *text, uint32_t len, int mode) {
 
 // ==== Entry-point set-up ====
 
-int OpenTextContext(ConvContext **out, const char *inPath, const FilterOptions *options,
+bool OpenInput(ConvContext *ctx, const KlnInput &in) {
+  if (!in.path) {
+    ctx->inFile = VTQ_FileOpenMemory(in.data, in.size);
+    return ctx->inFile != nullptr;
+  }
+  std::memcpy(ctx->inPath, in.path, std::strlen(in.path) + 1);
+  ctx->inFile = VTQ_FileOpen(ctx->inPath, "rb");
+  return ctx->inFile != nullptr;
+}
+
+int OpenTextContext(ConvContext **out, const KlnInput &in, const FilterOptions *options,
                     const KlnCharsetInfo *charset, void *errCallback) {
   ConvContext *ctx = nullptr;
   if (initial(&ctx) != kOk) {
@@ -561,13 +571,11 @@ int OpenTextContext(ConvContext **out, const char *inPath, const FilterOptions *
     *out = nullptr;
     return kNoMemory;
   }
-  std::memcpy(ctx->inPath, inPath, std::strlen(inPath) + 1);
   ctx->options = options;
   ctx->charsetInfo = charset;
   ctx->errCallback = errCallback;
   GetEndian(ctx);
-  ctx->inFile = VTQ_FileOpen(ctx->inPath, "rb");
-  if (!ctx->inFile) {
+  if (!OpenInput(ctx, in)) {
     closeall(ctx);
     *out = nullptr;
     return kOpenFailed;

@@ -283,14 +283,29 @@ long ReadGrowing(ConvContext *ctx, VtqBuffer &buf, size_t at, uint32_t len);
 // A path the 260-byte buffers of the context cannot hold (or none).
 inline bool PathTooLong(const char *path) { return !path || strnlen(path, kPathSize) >= kPathSize; }
 
+// Where a document comes from: a path (shorter than kPathSize), or, with
+// path null, the bytes data[0..size) held by the caller.
+struct KlnInput {
+  const char *path;
+  const void *data;
+  size_t size;
+};
+inline KlnInput PathInput(const char *path) { return {path, nullptr, 0}; }
+inline KlnInput MemoryInput(const void *data, size_t size) { return {nullptr, data, size}; }
+
+// Opens the input as ctx->inFile (a path is kept in ctx->inPath); false
+// when it cannot be opened.
+bool OpenInput(ConvContext *ctx, const KlnInput &in);
+
 // Creates the context of a text conversion, fills it from the caller's
 // arguments and opens the input. On failure the context is released and
 // *out is null; answers 0, 12 or 22.
-int OpenTextContext(ConvContext **out, const char *inPath, const FilterOptions *options,
+int OpenTextContext(ConvContext **out, const KlnInput &in, const FilterOptions *options,
                     const KlnCharsetInfo *charset, void *errCallback);
 
 // Runs the text conversion of an opened context and judges the outcome;
-// shared by the file and the stream entry points.
+// shared by the file and the stream entry points. The log is named after
+// logBase; an empty base has no log name, which fails a log request (22).
 int RunTextConversion(ConvContext *ctx, const char *logBase);
 
 // ---- Character conversion. ----
