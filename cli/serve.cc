@@ -3,16 +3,14 @@
 // document (its path, or its bytes in base64) and what to answer; each
 // request gets exactly one JSON line on standard output, flushed at once.
 // The process ends with status 0 at the end of its input.
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <cmath>
 #include <cstring>
 #include <iostream>
-#include <memory>
 #include <string_view>
 
 #include "kln2txt.h"
+#include "vtq_stream.h"
+#include "vtq_txkln_ext.h"
 
 namespace kln2txt {
 
@@ -304,31 +302,16 @@ bool ParseRequest(const Json &json, Request &r, std::string &error) {
   return true;
 }
 
-// The document's bytes as a file the filter opens by name: an anonymous
-// memory file, so nothing is left on disk whatever happens to the worker.
-class MemoryFile {
- public:
-  explicit MemoryFile(const std::string &bytes) : fd_(memfd_create("kln2txt-serve", MFD_CLOEXEC)) {
-    bool ok = fd_ >= 0;
-    for (size_t done = 0; ok && done < bytes.size();) {
-      const ssize_t n = write(fd_, bytes.data() + done, bytes.size() - done);
-      ok = n > 0 || (n < 0 && errno == EINTR);
-      if (n > 0) done += static_cast<size_t>(n);
-    }
-    if (ok) path_ = "/proc/self/fd/" + std::to_string(fd_);
-  }
-  ~MemoryFile() {
-    if (fd_ >= 0) close(fd_);
-  }
-  MemoryFile(const MemoryFile &) = delete;
-  MemoryFile &operator=(const MemoryFile &) = delete;
-  // Empty when the file could not be made.
-  const std::string &path() const { return path_; }
-
- private:
-  int fd_;
-  std::string path_;
-};
+// The bytes of the file at `path`; false when it cannot be read.
+bool ReadFile(const std::string &path, std::string &bytes) {
+  FILE *f = std::fopen(path.c_str(), "rb");
+  if (!f) return false;
+  char buf[65536];
+  for (size_t n; (n = std::fread(buf, 1, sizeof buf, f)) > 0;) bytes.append(buf, n);
+  const bool ok = !std::ferror(f);
+  std::fclose(f);
+  return ok;
+}
 
 // The status word of an answer for a result code.
 const char *StatusOf(int code, bool headerReadable) {
@@ -350,24 +333,32 @@ std::string Answer(std::string_view id, int code, const char *status, const std:
          "\",\"message\":" + JsonString(message);
 }
 
-// Converts the document of a request; answers the JSON line.
-std::string Serve(const Request &r) {
-  InjectTestFault(r.name);
-  std::unique_ptr<MemoryFile> memory;
-  if (r.hasData) {
-    memory = std::make_unique<MemoryFile>(r.data);
-    if (memory->path().empty())
-      return Answer(r.id, KLN_ERR_NOMEM, "no_memory", OutcomeText(Outcome::kNoMemory)) + "}\n";
-  }
-  const std::string &path = memory ? memory->path() : r.path;
-  if (path.size() >= KLN_MAX_PATH)
-    return Answer(r.id, KLN_ERR_OPEN, "cannot_open", OutcomeText(Outcome::kPathTooLong)) + "}\n";
+// The text of the document in `bytes` into `text`; answers the result code.
+int TextOf(const std::string &bytes, const FilterOptions &options, const KlnCharsetInfo &charset, std::string &text) {
+  VTQ_STREAM *stream = VTQ_StreamCreateBuffer();
+  if (!stream) return KLN_ERR_NOMEM;
+  const int code =
+      GetTextStreamFromMemoryWithErrCallback(bytes.data(), bytes.size(), stream, &options, &charset, nullptr);
+  size_t length = 0;
+  const void *data = VTQ_StreamBufferData(stream, &length);
+  text.assign(static_cast<const char *>(data), length);
+  VTQ_StreamDestroy(stream);
+  return code;
+}
 
+// Converts the document of a request; answers the JSON line. The document
+// is read into memory whether it came as data or by path.
+std::string Serve(Request &r) {
+  InjectTestFault(r.name);
+  const bool loaded = r.hasData || ReadFile(r.path, r.data);
   const FilterOptions options = InUtf8(r.settings.filter);
-  std::vector<std::string> values;
-  const bool headerReadable = ReadProperties(path, options, r.settings.charset, values);
+  const KlnCharsetInfo &charset = r.settings.charset;
+  std::vector<char> record(KLN_PROPERTY_RECORD_SIZE, 0);
+  const bool headerReadable =
+      loaded && GetPropertyFromMemory(r.data.data(), r.data.size(), &options, record.data(), &charset) == KLN_OK;
   std::string text;
-  const int code = r.text || !headerReadable ? TextOf(path, r.settings, options, text) : KLN_OK;
+  int code = KLN_ERR_OPEN;
+  if (loaded) code = r.text || !headerReadable ? TextOf(r.data, options, charset, text) : KLN_OK;
   const bool failed = code != KLN_OK && code != KLN_ERR_SIZE_LIMIT;
   const Outcome outcome = code == KLN_ERR_FORMAT && !headerReadable ? Outcome::kNotKln : OutcomeOf(code);
   std::string json = Answer(r.id, code, StatusOf(code, headerReadable), code == KLN_OK ? "" : OutcomeText(outcome));
@@ -376,6 +367,7 @@ std::string Serve(const Request &r) {
   if (r.properties) {
     json += ",\"properties\":";
     if (!headerReadable) json += "null";
+    const std::vector<std::string> values = PropertyValues(record);
     for (size_t i = 0; headerReadable && i < 6; ++i)
       json += std::string(i ? "," : "{") + "\"" + kProperties[i].name + "\":" + JsonString(values[i]);
     if (headerReadable) json += '}';

@@ -41,6 +41,7 @@ class Result:
     index: int
     document: Optional[Document] = None
     error: Optional[KlnError] = None
+    status: str = "ok"  # the worker's status word, or the WorkerError's kind
 
     @property
     def ok(self) -> bool:
@@ -48,22 +49,10 @@ class Result:
 
     @property
     def kind(self) -> str:
-        """"ok", "crashed", "timeout", "lost", or the class of the filter's failure
-        ("not_kln", "damaged", "embedded_object", "no_memory", "cannot_open", "error")."""
-        if self.error is None:
-            return "ok"
-        if isinstance(self.error, WorkerError):
-            return self.error.kind
-        return _KINDS.get(type(self.error).__name__, "error")
-
-
-_KINDS = {
-    "NotKlnError": "not_kln",
-    "DamagedError": "damaged",
-    "EmbeddedObjectError": "embedded_object",
-    "OutOfMemoryError": "no_memory",
-    "CannotOpenError": "cannot_open",
-}
+        """"ok"; "crashed", "timeout" or "lost" for a worker that did not answer;
+        else the worker's status ("not_kln", "damaged", "refused", "object_failed",
+        "no_memory", "cannot_open", "error", "bad_request")."""
+        return "ok" if self.error is None else self.status
 
 
 class _Task:
@@ -250,7 +239,7 @@ class Pool:
                 busy[worker.fd] = worker
                 selector.register(worker.fd, selectors.EVENT_READ)
             else:
-                lost.append(Result(task.source, task.index, error=worker.death(task)))
+                lost.append(self._failure(task, worker.death(task)))
                 self._spawn()
         return lost
 
@@ -267,7 +256,7 @@ class Pool:
             task = worker.task
             assert task is not None
             if line is None:
-                results.append(Result(task.source, task.index, error=worker.death(task)))
+                results.append(self._failure(task, worker.death(task)))
                 self._replace(worker, busy, selector, new=True)
             else:
                 results.append(self._result(task, line))
@@ -279,7 +268,7 @@ class Pool:
             assert task is not None
             worker.kill()
             message = f"timed out after {self._timeout:g} s"
-            results.append(Result(task.source, task.index, error=WorkerError("timeout", message, task.name)))
+            results.append(self._failure(task, WorkerError("timeout", message, task.name)))
             self._replace(worker, busy, selector, new=True, dead=True)
         return results
 
@@ -310,6 +299,10 @@ class Pool:
             request["data"] = base64.b64encode(data).decode("ascii")
         return json.dumps(request, ensure_ascii=False).encode("utf-8", "surrogateescape") + b"\n"
 
+    @staticmethod
+    def _failure(task: _Task, error: WorkerError) -> Result:
+        return Result(task.source, task.index, error=error, status=error.kind)
+
     def _result(self, task: _Task, line: bytes) -> Result:
         answer = json.loads(line)
         code = answer["code"]
@@ -323,8 +316,10 @@ class Pool:
                 bool(answer.get("truncated")),
                 code,
             )
-            return Result(task.source, task.index, document=document)
+            return Result(task.source, task.index, document=document, status=answer["status"])
+        status = answer["status"]
         if code < 0:
-            return Result(task.source, task.index, error=KlnError(code, answer.get("message", ""), task.name))
-        error = error_for(code, task.name, header_readable=answer.get("status") != "not_kln")
-        return Result(task.source, task.index, error=error)
+            error = KlnError(code, answer.get("message", ""), task.name)
+        else:
+            error = error_for(code, task.name, header_readable=status != "not_kln")
+        return Result(task.source, task.index, error=error, status=status)
