@@ -159,8 +159,8 @@ class Pool:
         executable: Optional[str] = None,
         **options: Any,
     ) -> None:
-        if max_tasks_per_worker is not None and max_tasks_per_worker < 1:
-            raise ValueError("max_tasks_per_worker is at least 1")
+        if (workers is not None and workers < 1) or (max_tasks_per_worker is not None and max_tasks_per_worker < 1):
+            raise ValueError("workers and max_tasks_per_worker are at least 1")
         self._argv = [executable or kln2txt_path(), "--serve"]
         self._timeout = timeout
         self._max_tasks = max_tasks_per_worker

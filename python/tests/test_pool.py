@@ -2,7 +2,10 @@
 themselves, and no worker outlives the pool."""
 
 import json
+import os
 import shutil
+import signal
+import time
 
 import pytest
 
@@ -38,11 +41,21 @@ def test_a_bad_document_costs_only_itself(batch, monkeypatch, fault, kind):
         assert r.document == kln.extract(source, tables=False)
 
 
-def test_no_worker_outlives_an_exception(batch):
-    with pytest.raises(RuntimeError):
+def interrupt():
+    os.kill(os.getpid(), signal.SIGINT)  # as Ctrl-C does
+    time.sleep(1)
+
+
+def fail():
+    raise RuntimeError("stop")
+
+
+@pytest.mark.parametrize("stop, error", [(fail, RuntimeError), (interrupt, KeyboardInterrupt)])
+def test_no_worker_outlives_an_exception(batch, stop, error):
+    with pytest.raises(error):
         with kln.Pool(workers=2, timeout=5) as pool:
             for _ in pool.imap_unordered(batch * 3):
-                raise RuntimeError("stop")
+                stop()
     assert not serve_processes()
 
 
