@@ -95,12 +95,19 @@ class _Worker:
         return line
 
     def kill(self) -> None:
-        try:
-            os.killpg(self.proc.pid, signal.SIGKILL)
-        except ProcessLookupError:
-            pass
-        self.proc.wait()
-        self._close_pipes()
+        """Kills the worker's process group unless the worker was reaped already
+        (its number may be another process's by now)."""
+        if self.proc.returncode is None:
+            try:
+                os.killpg(self.proc.pid, signal.SIGKILL)
+            except ProcessLookupError:
+                pass
+            self.proc.wait()
+        for pipe in (self.proc.stdin, self.proc.stdout):
+            try:
+                pipe.close()  # type: ignore[union-attr]
+            except OSError:
+                pass
 
     def retire(self) -> None:
         """Ends the worker at the end of its input; kills it if it does not go."""
@@ -115,19 +122,12 @@ class _Worker:
         self.kill()
 
     def death(self, task: _Task) -> WorkerError:
+        """Reaps a worker that ended by itself; tells how."""
         status = self.proc.wait()
-        self._close_pipes()
         if status < 0:
             sig = -status
             return WorkerError("crashed", f"worker crashed (signal {sig}, {signal.strsignal(sig)})", task.name, sig)
         return WorkerError("lost", f"worker ended with status {status}", task.name)
-
-    def _close_pipes(self) -> None:
-        for pipe in (self.proc.stdin, self.proc.stdout):
-            try:
-                pipe.close()  # type: ignore[union-attr]
-            except OSError:
-                pass
 
 
 _live_pools: "weakref.WeakSet[Pool]" = weakref.WeakSet()
@@ -240,6 +240,7 @@ class Pool:
                 selector.register(worker.fd, selectors.EVENT_READ)
             else:
                 lost.append(self._failure(task, worker.death(task)))
+                worker.kill()
                 self._spawn()
         return lost
 
@@ -257,33 +258,32 @@ class Pool:
             assert task is not None
             if line is None:
                 results.append(self._failure(task, worker.death(task)))
-                self._replace(worker, busy, selector, new=True)
+                self._release(worker, busy, selector, worker.kill)
             else:
                 results.append(self._result(task, line))
                 worker.served += 1
-                self._replace(worker, busy, selector, new=bool(self._max_tasks and worker.served >= self._max_tasks))
+                used_up = self._max_tasks and worker.served >= self._max_tasks
+                self._release(worker, busy, selector, worker.retire if used_up else None)
         now = time.monotonic()
         for worker in [w for w in busy.values() if w.task and w.task.deadline and w.task.deadline <= now]:
             task = worker.task
             assert task is not None
-            worker.kill()
+            self._release(worker, busy, selector, worker.kill)
             message = f"timed out after {self._timeout:g} s"
             results.append(self._failure(task, WorkerError("timeout", message, task.name)))
-            self._replace(worker, busy, selector, new=True, dead=True)
         return results
 
-    def _replace(self, worker: _Worker, busy: Dict[int, _Worker], selector: Any, new: bool, dead: bool = False) -> None:
-        """Takes a worker off the busy list: back to the idle ones, or ended and
-        replaced by a new one."""
+    def _release(self, worker: _Worker, busy: Dict[int, _Worker], selector: Any, end: Any = None) -> None:
+        """Takes a worker off the busy list: back to the idle ones, or ended by
+        `end` (its kill or retire) and replaced by a new one."""
         selector.unregister(worker.fd)
         del busy[worker.fd]
         worker.task = None
-        if not new:
+        if end is None:
             self._idle.append(worker)
-            return
-        if not dead:
-            worker.retire()
-        self._spawn()
+        else:
+            end()
+            self._spawn()
 
     def _request(self, task: _Task) -> bytes:
         source = task.source
