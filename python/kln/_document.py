@@ -198,8 +198,9 @@ class _Input:
         return _ffi.GetEventsFromMemory(self.pointer, self.size, ctypes.byref(handlers), None, opt, charset, None)
 
 
-def _collect_events(doc: _Input, opt: Any, charset: Any, codec: str) -> List[Event]:
-    """The document's structure events, in document order."""
+def _collect_events(doc: _Input, opt: Any, charset: Any, codec: str, tables_only: bool = False) -> List[Event]:
+    """The document's structure events in document order (with `tables_only`,
+    no text and object events: no Python code runs per text run)."""
     events: List[Event] = []
     add = events.append
 
@@ -223,14 +224,22 @@ def _collect_events(doc: _Input, opt: Any, charset: Any, codec: str) -> List[Eve
         add(ObjectStartEvent(o.number, o.position, ctypes.string_at(o.data, o.size)))
         return 0
 
+    def object_end(_: Any, number: int, code: int) -> int:
+        add(ObjectEndEvent(number, code))
+        return 0
+
+    def table_end(_: Any, number: int) -> int:
+        add(TableEndEvent(number))
+        return 0
+
     handlers = _ffi.EventHandlers(
         ctypes.sizeof(_ffi.EventHandlers),
-        _ffi.TextFn(text),
+        _ffi.TextFn() if tables_only else _ffi.TextFn(text),
         _ffi.TableStartFn(table_start),
         _ffi.RowFn(row),
-        _ffi.TableEndFn(lambda _, number: add(TableEndEvent(number)) or 0),
-        _ffi.ObjectStartFn(object_start),
-        _ffi.ObjectEndFn(lambda _, number, code: add(ObjectEndEvent(number, code)) or 0),
+        _ffi.TableEndFn(table_end),
+        _ffi.ObjectStartFn() if tables_only else _ffi.ObjectStartFn(object_start),
+        _ffi.ObjectEndFn() if tables_only else _ffi.ObjectEndFn(object_end),
     )
     doc.events(handlers, opt, charset)
     return events
@@ -287,7 +296,7 @@ def extract(
         text = buffer.take().decode(codec)
     found = []
     if tables and code != NO_TEXT and _ffi.HAS_EVENTS:
-        found = tables_of(_collect_events(doc, opt, charset, codec))
+        found = tables_of(_collect_events(doc, opt, charset, codec, tables_only=True))
     return Document(text, props, found, code == SIZE_LIMIT, code)
 
 
