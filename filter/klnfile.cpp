@@ -1,5 +1,6 @@
 // The file and property entry points, the style table readers and the
 // cell-writing stage.
+#include "events.h"
 #include "filecomm.h"
 #include "klnmain.h"
 #include "sschange.h"
@@ -153,7 +154,7 @@ int GetStyle(ConvContext *ctx, const uint8_t *record, int32_t bodyLen, size_t he
 
 int GetVtqTxt(ConvContext *ctx) {
   if (ctx->docKind == 1) return kOk;
-  if (ctx->docKind == 2 || ctx->docKind == 3) return PutSSVtqTxt(ctx);
+  if (ctx->docKind == 2 || ctx->docKind == 3) return ctx->events ? PutTableEvents(ctx) : PutSSVtqTxt(ctx);
   return kFormatError;
 }
 

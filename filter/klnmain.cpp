@@ -487,13 +487,13 @@ int GetString_kln(char *name33, uint32_t *flag, uint32_t code) {
   return kOk;
 }
 
-int CodeConvStart(ConvContext *ctx, ConvRun &run, const uint8_t *text, uint32_t len, int mode) {
+int CodeConvStart(ConvContext *ctx, ConvRun &run, const uint8_t *text, uint32_t len, int mode, VtqBuffer *scratch) {
   CconvCharsetRecord record{0, 0, 1};
   run.options = CconvOptions{};
   run.options.convOption = ctx->options->convOption;
   run.firstOutput = false;
   if (!(ctx->flags & kCtxOutputMade)) {
-    run.firstOutput = !(ctx->flags & kCtxPropertyMode);
+    run.firstOutput = !(ctx->flags & (kCtxPropertyMode | kCtxEventMode));
     ctx->flags |= kCtxOutputMade;
   }
   run.options.firstOutput = run.firstOutput ? 1 : 0;
@@ -518,12 +518,18 @@ int CodeConvStart(ConvContext *ctx, ConvRun &run, const uint8_t *text, uint32_t 
   run.state.out = ctx->outBuf;
   run.state.outLen = 0;
   run.state.outCap = kOutBufSize;
-  run.stripped.reset(static_cast<uint8_t *>(VTQ_malloc(size_t(len) + 16)));
-  if (!run.stripped) return kNoMemory;
-  run.state.in = run.stripped.get();
+  uint8_t *stripped;
+  if (scratch) {
+    if (!scratch->grow(size_t(len) + 16)) return kNoMemory;
+    stripped = scratch->data();
+  } else {
+    run.stripped.reset(static_cast<uint8_t *>(VTQ_malloc(size_t(len) + 16)));
+    if (!run.stripped) return kNoMemory;
+    stripped = run.stripped.get();
+  }
+  run.state.in = stripped;
   run.state.inPos = 0;
-  run.state.inLen = VTQ_CopyStripControlCode(run.stripped.get(), text, len, VTQ_GetGroupCharWidth(docName),
-                                             record.dbcs);
+  run.state.inLen = VTQ_CopyStripControlCode(stripped, text, len, VTQ_GetGroupCharWidth(docName), record.dbcs);
   return kOk;
 }
 

@@ -9,6 +9,7 @@
 
 #include "vtq_rt.h"
 #include "vtq_txkln.h"
+#include "vtq_txkln_ext.h"
 
 // Result codes used inside the filter besides the public ones.
 constexpr int kOk = 0;
@@ -28,6 +29,7 @@ constexpr uint32_t kWriteStopped = 0x9900;  // writeState once the limit passed
 constexpr uint32_t kCtxBigEndianHost = 0x01;
 constexpr uint32_t kCtxOutputMade = 0x04;
 constexpr uint32_t kCtxPropertyMode = 0x20;
+constexpr uint32_t kCtxEventMode = 0x40;  // structure events: no byte-order mark
 
 constexpr uint32_t kOutBufSize = 0x10002;
 constexpr size_t kPathSize = 260;
@@ -118,6 +120,14 @@ struct ConvContext {
   uint32_t streamMode;
   void *errCallback;
   uint32_t fileMode;
+  // Structure events (streamMode 2): the host's handlers and user pointer,
+  // the host's stop code, the objects reported so far, and whether written
+  // text is only counted (the delimited copy of a table).
+  const KlnEventHandlers *events;
+  void *eventUser;
+  int32_t eventStop;
+  int32_t objectCount;
+  uint8_t countOnly;
 };
 
 // ---- Ownership over the runtime allocator. ----
@@ -328,8 +338,10 @@ struct ConvRun {
   }
 };
 // Sets the run up for len bytes of text (mode 3: document set from
-// charsetInfo). 0, 12 or 3000.
-int CodeConvStart(ConvContext *ctx, ConvRun &run, const uint8_t *text, uint32_t len, int mode);
+// charsetInfo). The stripped copy goes to `scratch` when given (grown,
+// kept for the next run), else to a buffer of the run. 0, 12 or 3000.
+int CodeConvStart(ConvContext *ctx, ConvRun &run, const uint8_t *text, uint32_t len, int mode,
+                  VtqBuffer *scratch = nullptr);
 // Converts the next piece into outBuf (outLen set). 0 or 3000.
 int CodeConvPiece(ConvContext *ctx, ConvRun &run);
 // Whether input remains after the last piece.

@@ -83,6 +83,8 @@ int VTQ_FileSeek(VTQ_FILE *f, long offset, int whence) {
   return std::fseek(AsFile(f), offset, whence);
 }
 
+long VTQ_FileTell(VTQ_FILE *f) { return f ? std::ftell(AsFile(f)) : -1; }
+
 int VTQ_FileClose(VTQ_FILE *f) {
   if (!f) return -1;
   return std::fclose(AsFile(f));

@@ -26,6 +26,8 @@ VTQ_RT_API size_t VTQ_FileRead(void *buf, size_t size, size_t count, VTQ_FILE *f
 VTQ_RT_API size_t VTQ_FileWrite(const void *buf, size_t size, size_t count, VTQ_FILE *f);
 /* whence: 0 from the start, 1 from the current position, 2 from the end. */
 VTQ_RT_API int VTQ_FileSeek(VTQ_FILE *f, long offset, int whence);
+/* The reading position, or -1. */
+VTQ_RT_API long VTQ_FileTell(VTQ_FILE *f);
 VTQ_RT_API int VTQ_FileClose(VTQ_FILE *f);
 VTQ_RT_API int VTQ_ASC_remove(const char *path);
 
