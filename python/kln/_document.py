@@ -40,7 +40,8 @@ class Properties:
 @dataclass
 class Table:
     """A sheet or database table: ``kind`` "sheet" or "database"; ``columns`` the
-    column letters (sheet) or field names (database); ``rows`` the cell texts."""
+    column letters (sheet) or field names (database); ``rows`` the cell texts as
+    the text output writes them (a row it leaves empty is an empty list)."""
 
     number: int
     kind: str
@@ -253,7 +254,9 @@ def tables_of(events: List[Event]) -> List[Table]:
             columns = e.field_names if e.kind == "database" else column_letters(e.column_count)
             tables.append(Table(e.number, e.kind, columns))
         elif isinstance(e, RowEvent) and tables:
-            tables[-1].rows.append(e.cells)
+            rows = tables[-1].rows
+            rows.extend([] for _ in range(len(rows), e.row))  # rows the writer leaves empty
+            rows.append(e.cells)
     return tables
 
 
