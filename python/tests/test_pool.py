@@ -1,6 +1,7 @@
 """kln.Pool and kln2txt --serve: documents that crash or hang their worker cost only
 themselves, and no worker outlives the pool."""
 
+import base64
 import json
 import os
 import shutil
@@ -27,7 +28,7 @@ def batch(samples, tmp_path):
 @pytest.mark.parametrize("fault, kind", [("crash", "crashed"), ("hang", "timeout")])
 def test_a_bad_document_costs_only_itself(batch, monkeypatch, fault, kind):
     monkeypatch.setenv("KLN2TXT_TEST_FAULT", f"{fault}:{fault}.kln")
-    with kln.Pool(workers=2, timeout=1, max_tasks_per_worker=2) as pool:
+    with kln.Pool(workers=2, timeout=1, max_tasks_per_worker=2, tables=True) as pool:
         results = pool.map(batch)
         assert len(serve_processes()) == 2
     assert not serve_processes()
@@ -38,7 +39,7 @@ def test_a_bad_document_costs_only_itself(batch, monkeypatch, fault, kind):
     assert len(good) == len(batch) - 2
     for r in good:
         source = r.source.name if hasattr(r.source, "read") else r.source
-        assert r.document == kln.extract(source, tables=False)
+        assert r.document == kln.extract(source)
 
 
 def interrupt():
@@ -73,3 +74,15 @@ def test_serve_answers_every_line_and_stays_up(samples):
     assert statuses == [(None, "bad_request"), (1, "bad_request"), ("b", "ok"), (3, "not_kln")]
     assert "text" not in answers[2] and answers[2]["properties"] == kln.properties(samples / "letter.kln").to_dict()
     assert "properties" not in answers[3] and answers[3]["code"] == 3000
+
+
+def test_serve_answers_tables_and_blocks_as_extract_and_the_events_have_them(samples):
+    requests = [{"id": name, "path": str(samples / f"{name}.kln"), "objects": True} for name in ("budget", "notice")]
+    ran = kln2txt("--serve", input="\n".join(map(json.dumps, requests)).encode())
+    budget, notice = (json.loads(line) for line in ran.stdout.decode().splitlines())
+    assert budget["tables"] == [vars(t) for t in kln.extract(samples / "budget.kln").tables]
+    assert [b["type"] for b in budget["blocks"]] == ["table"]
+    objects = [b for b in notice["blocks"] if b["type"] == "object"]
+    events = [e for e in kln.iter_events(samples / "notice.kln") if isinstance(e, kln.ObjectStartEvent)]
+    assert [base64.b64decode(b["data"]) for b in objects] == [e.data for e in events]
+    assert "".join(b["text"] for b in notice["blocks"] if b["type"] != "table") == notice["text"]
