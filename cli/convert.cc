@@ -171,7 +171,8 @@ int WriteJson(const std::string &path, const std::string &name, const Settings &
   } else {
     json += "null";
   }
-  json += ",\"text\":" + JsonString(text) + ",\"tables\":" + TablesJson(path, s) + ",\"result\":" + std::to_string(code) +
+  json += ",\"text\":" + JsonString(text) + ",\"tables\":" + TablesJson(path, s) +
+          ",\"result\":" + std::to_string(code) +
           ",\"message\":" + JsonString(OutcomeText(outcome)) + "}\n";
   std::fwrite(json.data(), 1, json.size(), out);
   return code;

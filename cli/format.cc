@@ -36,7 +36,8 @@ struct Model {
   // is kept until the next run or table.
   void paragraphs(bool all) {
     size_t from = 0;
-    for (size_t nl; (nl = pending.find('\n', from)) != std::string::npos; from = nl + 1) add(pending.substr(from, nl - from));
+    for (size_t nl; (nl = pending.find('\n', from)) != std::string::npos; from = nl + 1)
+      add(pending.substr(from, nl - from));
     pending.erase(0, from);
     if (all) {
       add(pending);

@@ -71,9 +71,12 @@ TEST(Formats, HostileCellTextsAreEscaped) {
   EXPECT_TRUE(FormatsAgree(path));
 
   const std::string md = Tool("--format markdown --header-row " + path);
-  EXPECT_EQ(md.substr(0, md.find('\n')), "| a\\|b\\\\\\|c | &lt;td>&amp;amp;\"'&lt;/td> | line 1<br>line 2<br>\\| | ctl | cut\xEF\xBF\xBD | ]]>-- |");
+  EXPECT_EQ(md.substr(0, md.find('\n')),
+            "| a\\|b\\\\\\|c | &lt;td>&amp;amp;\"'&lt;/td> | line 1<br>line 2<br>\\| | ctl | "
+            "cut\xEF\xBF\xBD | ]]>-- |");
   const std::string html = Tool("--format html " + path);
-  EXPECT_NE(html.find("<td>&lt;td&gt;&amp;amp;&quot;'&lt;/td&gt;</td><td>line 1<br/>line 2<br/>|</td>"), std::string::npos);
+  EXPECT_NE(html.find("<td>&lt;td&gt;&amp;amp;&quot;'&lt;/td&gt;</td><td>line 1<br/>line 2<br/>|</td>"),
+            std::string::npos);
 }
 
 TEST(Formats, ExtractObjectsWritesEachObjectsBytes) {
