@@ -25,14 +25,19 @@ bool ReadProperties(const std::string &path, const FilterOptions &options, const
                     std::vector<std::string> &values) {
   std::vector<char> record(KLN_PROPERTY_RECORD_SIZE, 0);
   if (GetProperty(path.c_str(), &options, record.data(), &charset) != KLN_OK) return false;
-  values.clear();
+  values = PropertyValues(record);
+  return true;
+}
+
+std::vector<std::string> PropertyValues(const std::vector<char> &record) {
+  std::vector<std::string> values;
   for (size_t i = 0; i < 6; ++i) {
     // Each text ends at its NUL, and at the latest where the next one starts.
     const size_t end = i + 1 < 6 ? kProperties[i + 1].offset : record.size();
     const char *at = record.data() + kProperties[i].offset;
     values.emplace_back(at, strnlen(at, end - kProperties[i].offset));
   }
-  return true;
+  return values;
 }
 
 // The options with UTF-8 output (and no byte-order mark) in place of the
@@ -171,6 +176,8 @@ Result OpenLog(const std::string &name, const Input &in) {
   return {};
 }
 
+}  // namespace
+
 // The test-only switch KLN2TXT_TEST_FAULT=crash:NAME or hang:NAME makes the
 // conversion of the file whose base name is NAME crash or hang once its
 // output is open, so that workers and stop signals can be tested.
@@ -189,8 +196,6 @@ void InjectTestFault(const std::string &input) {
     for (;;) pause();
   }
 }
-
-}  // namespace
 
 Result ConvertDocument(const Settings &s, const std::string &input, const std::string &outPath) {
   Input in;

@@ -88,13 +88,6 @@ int ReadModel(const std::string &path, const Settings &s, Model &m) {
   return code;
 }
 
-// Column letters of a sheet: A to Z, then AA, AB, ...
-std::string ColumnName(size_t i) {
-  std::string name;
-  for (size_t n = i + 1; n > 0; n = (n - 1) / 26) name.insert(name.begin(), char('A' + (n - 1) % 26));
-  return name;
-}
-
 size_t Width(const Table &t) {
   size_t w = t.fields.size();
   for (const auto &row : t.rows) w = std::max(w, row.size());
@@ -291,6 +284,12 @@ struct ObjectFiles {
 };
 
 }  // namespace
+
+std::string ColumnName(size_t i) {
+  std::string name;
+  for (size_t n = i + 1; n > 0; n = (n - 1) / 26) name.insert(name.begin(), char('A' + (n - 1) % 26));
+  return name;
+}
 
 std::string TablesJson(const std::string &path, const Settings &s) {
   Model m;

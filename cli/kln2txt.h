@@ -35,6 +35,7 @@ struct Settings {
   Format format = Format::kText;
   bool headerRow = false;   // --header-row: a sheet's first row heads its table
   std::string extractDir;   // --extract-objects: embedded objects' bytes go here
+  bool serve = false;       // --serve: requests on standard input
   std::vector<std::string> files;
 };
 
@@ -42,6 +43,12 @@ struct Settings {
 // with at once (--help and --version: kExitOk with `done` set; a mistake:
 // kExitUsage after a message on standard error).
 int ParseCommandLine(int argc, char **argv, Settings &settings, bool &done);
+
+// Set the line-end mode ("keep", "lf", …) or the embedded-object mode
+// ("extract", "skip", "refuse") called `name` in flags; false for a name
+// that is none of them.
+bool SetLineEnds(const std::string &name, uint32_t &flags);
+bool SetOleMode(const std::string &name, uint32_t &flags);
 
 // How one document ended, as people and the summary name it.
 enum class Outcome : uint8_t {
@@ -192,6 +199,14 @@ bool Recode(const std::string &utf8, const char *set, std::string &out);
 // True when characters in `set` hold zero bytes (UTF-16, UTF-32, …).
 bool HoldsZeroBytes(const char *set);
 
+// The test-only switch KLN2TXT_TEST_FAULT=crash:NAME or hang:NAME makes the
+// process that converts the document whose base name is NAME crash or hang,
+// so that the isolation of workers can be tested.
+void InjectTestFault(const std::string &input);
+
+// --serve: answers requests read from standard input until its end.
+int RunServe(const Settings &settings);
+
 // Converts settings.files into settings.outDir with worker processes.
 // Answers the exit status.
 int RunBatch(const Settings &settings);
@@ -208,6 +223,8 @@ FilterOptions InUtf8(const FilterOptions &options);
 // the header cannot be read.
 bool ReadProperties(const std::string &path, const FilterOptions &options, const KlnCharsetInfo &charset,
                     std::vector<std::string> &values);
+// The six texts of a property record (KLN_PROPERTY_RECORD_SIZE bytes).
+std::vector<std::string> PropertyValues(const std::vector<char> &record);
 
 // format.cc: the document as structure. WriteStructured writes `path` in
 // settings.format to out and answers the filter's result code; TablesJson
@@ -217,5 +234,7 @@ bool ReadProperties(const std::string &path, const FilterOptions &options, const
 int WriteStructured(const std::string &path, const std::string &name, const Settings &settings, Output &out);
 std::string TablesJson(const std::string &path, const Settings &settings);
 bool ExtractObjects(const std::string &path, const std::string &input, const Settings &settings);
+// Column letters of a sheet: A to Z, then AA, AB, ... for 0-based column i.
+std::string ColumnName(size_t i);
 
 }  // namespace kln2txt

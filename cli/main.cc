@@ -28,5 +28,6 @@ int main(int argc, char **argv) {
   const int status = ParseCommandLine(argc, argv, settings, done);
   if (status != kExitOk || done) return status;
   InstallStopHandlers();
+  if (settings.serve) return RunServe(settings);
   return settings.outDir.empty() ? ConvertInProcess(settings) : RunBatch(settings);
 }

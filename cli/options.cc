@@ -45,6 +45,8 @@ constexpr char kUsage[] =
     "      --header-row        a sheet's first row heads its table (else A, B, ...)\n"
     "      --extract-objects DIR  also write each embedded object's bytes into\n"
     "                          DIR/NAME-N.ole\n"
+    "      --serve             answer JSON requests, one a line, on standard input\n"
+    "                          (no FILE; see the README); the options are defaults\n"
     "\n"
     "Text:\n"
     "  -e, --encoding NAME     output character set (UTF-8)\n"
@@ -83,6 +85,7 @@ enum LongOnly : int {
   kTimeout,
   kListProperties,
   kJson,
+  kServe,
   kLatin1,
   kBom,
   kLineEnds,
@@ -109,6 +112,7 @@ constexpr option kLongOptions[] = {
     {"timeout", required_argument, nullptr, kTimeout},
     {"properties", no_argument, nullptr, kListProperties},
     {"json", no_argument, nullptr, kJson},
+    {"serve", no_argument, nullptr, kServe},
     {"encoding", required_argument, nullptr, 'e'},
     {"latin1", no_argument, nullptr, kLatin1},
     {"bom", no_argument, nullptr, kBom},
@@ -186,6 +190,14 @@ void SetSeparator(FilterOptions &filter, unsigned char c) {
 
 // Checks the combinations that only make sense together.
 int CheckCombination(const Settings &s, bool jobsGiven, bool timeoutGiven) {
+  if (s.serve) {
+    if (!s.files.empty()) return UsageError("%s", "--serve takes no FILE: requests name the documents");
+    if (!s.output.empty() || !s.outDir.empty() || s.properties || s.json || jobsGiven || timeoutGiven ||
+        s.format != Format::kText || !s.extractDir.empty())
+      return UsageError("%s", "--serve answers in JSON lines: it takes no output, batch or format option");
+    if (s.filter.flags & KLN_FLAG_LOG) return UsageError("%s", "--serve writes no log");
+    return kExitOk;
+  }
   if (s.files.empty()) return UsageError("%s", "no FILE given");
   const bool readsStdin = std::find(s.files.begin(), s.files.end(), "-") != s.files.end();
   if (!s.output.empty() && !s.outDir.empty()) return UsageError("%s", "-o and --out-dir exclude each other");
@@ -204,6 +216,14 @@ int CheckCombination(const Settings &s, bool jobsGiven, bool timeoutGiven) {
 }
 
 }  // namespace
+
+bool SetLineEnds(const std::string &name, uint32_t &flags) {
+  return SetMode(kLineEndModes, kLineEndBits, name.c_str(), flags);
+}
+
+bool SetOleMode(const std::string &name, uint32_t &flags) {
+  return SetMode(kOleModes, kOleModeBits, name.c_str(), flags);
+}
 
 int ParseCommandLine(int argc, char **argv, Settings &s, bool &done) {
   done = false;
@@ -235,6 +255,7 @@ int ParseCommandLine(int argc, char **argv, Settings &s, bool &done) {
         break;
       case kListProperties: s.properties = true; break;
       case kJson: s.json = true; break;
+      case kServe: s.serve = true; break;
       case 'e':
         // The filter takes a set name of at most 32 characters.
         if (std::strlen(optarg) == 0 || std::strlen(optarg) > 32)
@@ -248,7 +269,7 @@ int ParseCommandLine(int argc, char **argv, Settings &s, bool &done) {
         charsetGiven = true;
         break;
       case kLineEnds:
-        if (!SetMode(kLineEndModes, kLineEndBits, optarg, s.filter.flags))
+        if (!SetLineEnds(optarg, s.filter.flags))
           return UsageError("--line-ends is keep, lf, crlf, cr or space, not '%s'", optarg);
         break;
       case kMaxBytes:
@@ -269,7 +290,7 @@ int ParseCommandLine(int argc, char **argv, Settings &s, bool &done) {
       case kNoQuote: s.filter.flags |= KLN_FLAG_NO_QUOTE; break;
       case kNoFill: s.filter.flags |= KLN_FLAG_NO_FILL; break;
       case kOle:
-        if (!SetMode(kOleModes, kOleModeBits, optarg, s.filter.flags))
+        if (!SetOleMode(optarg, s.filter.flags))
           return UsageError("--ole is extract, skip or refuse, not '%s'", optarg);
         break;
       case kOleContinue: s.filter.flags |= KLN_FLAG_OLE_CONTINUE; break;

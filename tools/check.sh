@@ -3,7 +3,9 @@
 #   build-check      g++, warnings are errors
 #   build-sanitize   clang with AddressSanitizer and UndefinedBehaviorSanitizer
 # then runs the corpus under memcheck (build-check) and the thread test
-# under ThreadSanitizer (build-tsan, that test alone).
+# under ThreadSanitizer (build-tsan, that test alone), and installs the
+# Python package into a new virtual environment and runs its tests against
+# the documents of build-check.
 set -e
 cd "$(dirname "$0")/.."
 JOBS=${JOBS:-2}
@@ -35,3 +37,13 @@ cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKLN_WERROR=ON -DKLN
   -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
 cmake --build build-tsan -j "$JOBS" --target kln_thread_tests
 TSAN_OPTIONS="halt_on_error=1 suppressions=$PWD/tools/tsan.supp" build-tsan/tests/kln_thread_tests --gtest_brief=1
+# ---- Python package: a fresh virtual environment, `pip install ./python` (which
+# builds the libraries and kln2txt once more), then pytest on the samples, the
+# corpus and a big generated document.
+PYDIR=build-check/python
+rm -rf "$PYDIR"
+python3 -m venv "$PYDIR/venv"
+CMAKE_BUILD_PARALLEL_LEVEL="$JOBS" "$PYDIR/venv/bin/pip" install --quiet ./python pytest
+build-check/fuzz/make_seeds "$PYDIR/corpus" >/dev/null
+KLN_SAMPLES_DIR=build-check/samples KLN_CORPUS_DIR="$PYDIR/corpus" KLN_MAKE_SAMPLES=build-check/tools/make_samples \
+  "$PYDIR/venv/bin/python" -m pytest -q -p no:cacheprovider python/tests

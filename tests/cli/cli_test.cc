@@ -378,6 +378,38 @@ TEST_F(Kln2txtTest, BatchStatusIsTheGravestOfItsDocuments) {
   EXPECT_EQ(kln::ReadAll(dir.file("js/letter.json")).rfind("{\"file\":\"letter.kln\",\"properties\":{", 0), 0u);
 }
 
+// --serve on hostile request lines: each gets its one answer and the
+// worker goes on (the Python package tests the answers in depth).
+TEST_F(Kln2txtTest, ServeAnswersEveryLine) {
+  const std::string deep = std::string(200, '[') + std::string(200, ']');
+  const struct {
+    std::string line, answer;
+  } kCases[] = {
+      {deep, "\"bad_request\""},
+      {"{\"id\":1,\"path\":\"letter.kln\",\"id\":\"\\ud800\"}", "\"bad_request\""},
+      {"{\"id\":2,\"data\":\"QUJD=\"}", "\"status\":\"not_kln\""},
+      {"{\"id\":3,\"data\":\"QUJDR\"}", "\"bad_request\""},
+      {"{\"id\":4,\"path\":\"x\",\"options\":{\"max_bytes\":1e400}}", "\"bad_request\""},
+      {"{\"id\":5,\"path\":\"budget.kln\",\"options\":{\"max_bytes\":9},\"objects\":true}",
+       "\"truncated\":true"},
+      {"{\"id\":6,\"path\":\"notice.kln\",\"objects\":true,\"text\":false}", "\"type\":\"object\""},
+      {"{\"id\":\"\\u00e9\\ud83d\\ude00\",\"path\":\"empty.kln\"}", "\"no_text\""},
+  };
+  std::string input;
+  for (const auto &c : kCases) input += c.line + "\n";
+  std::ofstream(dir.file("requests.jsonl")) << input;
+  const Ran r = Tool("--serve", {}, "requests.jsonl");
+  EXPECT_EQ(r.status, 0);
+  size_t at = 0;
+  for (const auto &c : kCases) {
+    const size_t end = r.out.find('\n', at);
+    ASSERT_NE(end, std::string::npos) << c.line;
+    EXPECT_NE(r.out.substr(at, end - at).find(c.answer), std::string::npos) << c.line;
+    at = end + 1;
+  }
+  EXPECT_EQ(at, r.out.size());
+}
+
 TEST(JsonString, EscapesAndKeepsOnlyWellFormedUtf8) {
   const struct {
     std::string in, out;
