@@ -67,16 +67,20 @@ std::vector<Job> PlanJobs(const Settings &s) {
 }  // namespace
 
 void InjectTestFault(const std::string &input) {
-  const char *fault = std::getenv("KLN2TXT_TEST_FAULT");
-  if (!fault) return;
-  const std::string_view f(fault);
-  const size_t colon = f.find(':');
-  if (colon == std::string_view::npos || f.substr(colon + 1) != BaseName(input)) return;
-  if (f.substr(0, colon) == "crash") {
-    signal(SIGSEGV, SIG_DFL);  // past any sanitizer's handler
-    raise(SIGSEGV);
-  } else if (f.substr(0, colon) == "hang") {
-    for (;;) pause();
+  const char *faults = std::getenv("KLN2TXT_TEST_FAULT");
+  if (!faults) return;
+  // Several faults are separated by commas: crash:a.kln,hang:b.kln.
+  for (std::string_view rest(faults); !rest.empty();) {
+    const std::string_view f = rest.substr(0, rest.find(','));
+    rest.remove_prefix(std::min(rest.size(), f.size() + 1));
+    const size_t colon = f.find(':');
+    if (colon == std::string_view::npos || f.substr(colon + 1) != BaseName(input)) continue;
+    if (f.substr(0, colon) == "crash") {
+      signal(SIGSEGV, SIG_DFL);  // past any sanitizer's handler
+      raise(SIGSEGV);
+    } else if (f.substr(0, colon) == "hang") {
+      for (;;) pause();
+    }
   }
 }
 

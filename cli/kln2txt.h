@@ -99,9 +99,10 @@ FilterOptions InUtf8(const FilterOptions &options);
 // The text of `path` appended to `text`; answers the result code.
 int TextOf(const std::string &path, const Settings &s, const FilterOptions &options, std::string &text);
 
-// The test-only switch KLN2TXT_TEST_FAULT=crash:NAME or hang:NAME makes the
-// process that converts the document whose base name is NAME crash or hang,
-// so that the isolation of workers can be tested.
+// The test-only switch KLN2TXT_TEST_FAULT=crash:NAME or hang:NAME (several
+// separated by commas) makes the process that converts the document whose
+// base name is NAME crash or hang, so that the isolation of workers can be
+// tested.
 void InjectTestFault(const std::string &input);
 
 // --serve: answers requests read from standard input until its end.
