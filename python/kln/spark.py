@@ -52,6 +52,9 @@ TABLES_FIELD = "tables array<struct<number: int, kind: string, columns: array<st
 # binaryFile's own options; every other keyword of read_kln is a conversion option.
 _LISTING_OPTIONS = ("recursiveFileLookup", "pathGlobFilter", "modifiedBefore", "modifiedAfter")
 
+# Rows handed to Spark at a time.
+_ROWS_PER_BATCH = 256
+
 # Status words for a converted document, by its result code.
 _DOCUMENT_STATUS = {NO_TEXT: "no_text", SIZE_LIMIT: "truncated"}
 
@@ -63,7 +66,7 @@ def read_kln(
     workers_per_task: int = 1,
     timeout: Optional[float] = 60,
     tables: bool = False,
-    docs_per_partition: int = 500,
+    docs_per_partition: int = 2000,
     max_tasks_per_worker: Optional[int] = None,
     **options: Any,
 ) -> "DataFrame":
@@ -89,7 +92,9 @@ def read_kln(
     conversion = {k: v for k, v in options.items() if k not in _LISTING_OPTIONS}
     found = spark.read.format("binaryFile").options(**listing_options).load(paths if isinstance(paths, str) else list(paths))
     files, count = _file_list(spark, found)
-    partitions = max(1, min(count, max(spark.sparkContext.defaultParallelism, math.ceil(count / docs_per_partition))))
+    # Whole rounds of tasks, so that no core idles through a last lone partition.
+    cores = spark.sparkContext.defaultParallelism
+    partitions = max(1, min(count, math.ceil(count / docs_per_partition / cores) * cores))
     from pyspark.sql.pandas.types import to_arrow_schema
     from pyspark.sql.types import _parse_datatype_string
 
@@ -120,35 +125,40 @@ def _convert_partition(
     settings: Dict[str, Any], schema: "pyarrow.Schema", batches: Iterator["pyarrow.RecordBatch"]
 ) -> Iterator["pyarrow.RecordBatch"]:
     """mapInArrow's function: one pool for the whole partition, one row out for
-    every path in."""
+    every path in, handed on in batches of at most _ROWS_PER_BATCH as documents
+    finish, so a task holds the text of that many documents at most."""
     import pyarrow
 
     with Pool(**settings) as pool:
         for batch in batches:
-            rows = _convert(pool, batch.column("path").to_pylist(), bool(settings["tables"]))
-            yield pyarrow.RecordBatch.from_pylist(rows, schema=schema)
+            rows: List[Dict[str, Any]] = []
+            for row in _rows(pool, batch.column("path").to_pylist(), bool(settings["tables"])):
+                rows.append(row)
+                if len(rows) == _ROWS_PER_BATCH:
+                    yield pyarrow.RecordBatch.from_pylist(rows, schema=schema)
+                    rows = []
+            if rows:
+                yield pyarrow.RecordBatch.from_pylist(rows, schema=schema)
 
 
-def _convert(pool: Pool, paths: List[str], tables: bool) -> List[Dict[str, Any]]:
-    """The rows of paths, in their order. A file that cannot be read never reaches
-    the pool: it is a row of its own."""
-    rows: List[Optional[Dict[str, Any]]] = [None] * len(paths)
-    lengths: List[Optional[int]] = [None] * len(paths)
-    sent: List[int] = []  # the pool's index -> the path's
+def _rows(pool: Pool, paths: List[str], tables: bool) -> Iterator[Dict[str, Any]]:
+    """The row of every path, in the order the documents finish. A file that
+    cannot be read never reaches the pool: its row comes last."""
+    sent: List[Tuple[str, Optional[int]]] = []  # by the pool's index
+    unreadable: List[Dict[str, Any]] = []
 
     def sources() -> Iterator[Any]:
-        for i, path in enumerate(paths):
-            source, lengths[i], problem = _open(path)
+        for path in paths:
+            source, length, problem = _open(path)
             if problem is None:
-                sent.append(i)
+                sent.append((path, length))
                 yield source
             else:
-                rows[i] = _failure_row(path, lengths[i], "cannot_open", CANNOT_OPEN, problem, tables)
+                unreadable.append(_failure_row(path, length, "cannot_open", CANNOT_OPEN, problem, tables))
 
     for result in pool.imap_unordered(sources()):
-        i = sent[result.index]
-        rows[i] = _row(paths[i], lengths[i], result, tables)
-    return rows  # type: ignore[return-value]
+        yield _row(*sent[result.index], result, tables)
+    yield from unreadable
 
 
 class _Named(bytes):

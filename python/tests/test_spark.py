@@ -81,6 +81,7 @@ def test_a_folder_tree_read_recursively(spark, docset, tmp_path):
         "a/b/c/cut.kln": paths[1].read_bytes()[:3000],
         "a/empty.kln": b"",
         "a/b/notes.txt": b"plain text",
+        "a/gone.kln": paths[0].read_bytes(),
         "top.kln": paths[2].read_bytes(),
     }
     for name, data in tree.items():
@@ -88,6 +89,7 @@ def test_a_folder_tree_read_recursively(spark, docset, tmp_path):
         (tmp_path / name).write_bytes(data)
 
     found = read_kln(spark, str(tmp_path / "a"), recursiveFileLookup=True, max_bytes=40)
+    (tmp_path / "a/gone.kln").unlink()  # listed, but gone by the time it is read
     rows = {urlparse(r.path).path[len(str(tmp_path)) + 1 :]: (r.status, r.length, r.truncated) for r in found.collect()}
     assert rows == {
         "a/letter.kln": ("truncated", len(tree["a/letter.kln"]), True),
@@ -96,6 +98,7 @@ def test_a_folder_tree_read_recursively(spark, docset, tmp_path):
         "a/b/c/cut.kln": ("damaged", 3000, False),
         "a/empty.kln": ("not_kln", 0, False),
         "a/b/notes.txt": ("not_kln", 10, False),
+        "a/gone.kln": ("cannot_open", None, False),
     }
     only_kln = read_kln(spark, str(tmp_path / "a"), recursiveFileLookup=True, pathGlobFilter="*.kln")
     assert only_kln.count() == 5
