@@ -17,8 +17,9 @@ both become rows with a status; and a task holds only the documents its workers
 are busy with, not a batch of contents. Local and shared-mount paths (``file:``)
 go to the workers by path; any other scheme is read with ``pyarrow.fs``.
 
-pyspark (and pyarrow, which it needs) is an optional dependency: the extra
-``spark`` of the package.
+pyspark 4 or later (with the pyarrow and pandas it needs) is an optional
+dependency: the extra ``spark`` of the package. The listing needs a classic
+session (not Spark Connect): the file names stay in the driver's JVM.
 """
 
 from __future__ import annotations
