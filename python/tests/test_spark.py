@@ -59,7 +59,7 @@ def by_name(rows):
 def test_every_document_is_a_row_with_kln2txts_text(spark, docset):
     folder, paths = docset
     reference = [json.loads(line) for line in kln2txt("--json", *map(str, paths)).stdout.decode().splitlines()]
-    rows = by_name(read_kln(spark, str(folder), workers_per_task=2, timeout=2).collect())
+    rows = by_name(read_kln(spark, str(folder), workers_per_task=2, timeout=5).collect())
 
     assert len(rows) == 302
     crashed, hung = rows.pop("crash.kln"), rows.pop("hang.kln")
