@@ -96,16 +96,30 @@ def test_bad_arguments():
         kln.extract(io.StringIO("text"))
 
 
-def test_events_describe_the_tables(samples):
-    if kln._ffi.GetEvents is None:
+@pytest.mark.parametrize("name, kind", [("budget", "sheet"), ("addresses", "database"), ("letter", None)])
+def test_tables_hold_the_cells_of_the_text(samples, name, kind):
+    if not kln._ffi.HAS_EVENTS:
         pytest.skip("the filter has no structure events")
-    events = list(kln.iter_events(samples / "addresses.kln"))
-    start = next(e for e in events if isinstance(e, kln.TableStartEvent))
-    table = kln.extract(samples / "addresses.kln").tables[0]
-    assert table.kind == start.kind == "database" and table.columns == start.field_names
-    assert ",".join(f'"{c}"' for c in table.columns) in kln.extract(samples / "addresses.kln").text
-    pandas = pytest.importorskip("pandas")
-    assert isinstance(table.to_pandas(), pandas.DataFrame)
+    doc = kln.extract(samples / f"{name}.kln", separator="\t", quote=False)
+    assert [t.kind for t in doc.tables] == ([kind] if kind else [])
+    for table in doc.tables:
+        header = [table.columns] if kind == "database" else []
+        assert doc.text.splitlines() == ["\t".join(row) for row in header + table.rows]
+        events = list(kln.iter_events(samples / f"{name}.kln"))
+        assert [e.kind for e in events if isinstance(e, kln.TableStartEvent)] == [kind]
+        pandas = pytest.importorskip("pandas")
+        assert list(table.to_pandas().columns) == table.columns
+
+
+def test_events_hold_the_embedded_objects(samples):
+    if not kln._ffi.HAS_EVENTS:
+        pytest.skip("the filter has no structure events")
+    events = list(kln.iter_events(samples / "notice.kln"))
+    starts = [e for e in events if isinstance(e, kln.ObjectStartEvent)]
+    ends = [e for e in events if isinstance(e, kln.ObjectEndEvent)]
+    assert [e.number for e in starts] == [e.number for e in ends] == [1, 2] and all(e.code == 0 for e in ends)
+    assert all(e.data.startswith(b"\xd0\xcf\x11\xe0") for e in starts)
+    assert "".join(e.text for e in events if isinstance(e, kln.TextEvent)) == kln.extract(samples / "notice.kln").text
 
 
 def test_two_threads_are_faster_than_one(big_document):
