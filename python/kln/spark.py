@@ -31,7 +31,7 @@ from typing import TYPE_CHECKING, Any, Dict, Iterable, Iterator, List, Optional,
 from urllib.parse import unquote, urlparse
 
 from ._document import PROPERTY_NAMES
-from ._errors import CANNOT_OPEN, NO_TEXT, OBJECT_REFUSED, SIZE_LIMIT
+from ._errors import CANNOT_OPEN
 from ._pool import Pool, Result
 
 if TYPE_CHECKING:  # pragma: no cover
@@ -55,9 +55,6 @@ _LISTING_OPTIONS = ("recursiveFileLookup", "pathGlobFilter", "modifiedBefore", "
 
 # Rows handed to Spark at a time.
 _ROWS_PER_BATCH = 256
-
-# Status words for a converted document, by its result code.
-_DOCUMENT_STATUS = {NO_TEXT: "no_text", SIZE_LIMIT: "truncated"}
 
 
 def read_kln(
@@ -197,23 +194,15 @@ def _read_remote(uri: str) -> bytes:
         return f.read()
 
 
-def _status(result: Result) -> str:
-    if result.document is not None:
-        return _DOCUMENT_STATUS.get(result.document.code, "ok")
-    if result.kind == "embedded_object":
-        return "refused" if result.error.code == OBJECT_REFUSED else "object_failed"  # type: ignore[union-attr]
-    return result.kind
-
-
 def _row(path: str, length: Optional[int], result: Result, tables: bool) -> Dict[str, Any]:
     doc = result.document
     if doc is None:
         error = result.error
         assert error is not None
-        return _failure_row(path, length, _status(result), error.code, error.message, tables)
+        return _failure_row(path, length, result.status, error.code, error.message, tables)
     props = doc.properties.to_dict() if doc.properties else {}
     row = {"path": path, "length": length, "text": doc.text, **{name: props.get(name) for name in PROPERTY_NAMES}}
-    row.update(truncated=doc.truncated, status=_status(result), code=doc.code, error=None)
+    row.update(truncated=doc.truncated, status=result.status, code=doc.code, error=None)
     if tables:
         row["tables"] = [{"number": t.number, "kind": t.kind, "columns": t.columns, "rows": t.rows} for t in doc.tables]
     return row

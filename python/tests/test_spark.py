@@ -1,5 +1,6 @@
 """kln.spark.read_kln in Spark's local mode: one row per document with the text
-kln2txt gives, and a document that crashes or hangs its worker costs only its row."""
+kln2txt gives and the tables kln.extract gives, and a document that crashes or
+hangs its worker costs only its row."""
 
 import json
 import os
@@ -15,6 +16,7 @@ if not (shutil.which("java") or os.environ.get("JAVA_HOME")):
 
 from conftest import _folder, kln2txt
 
+import kln
 from kln.spark import read_kln
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "tools"))
@@ -59,7 +61,7 @@ def by_name(rows):
 def test_every_document_is_a_row_with_kln2txts_text(spark, docset):
     folder, paths = docset
     reference = [json.loads(line) for line in kln2txt("--json", *map(str, paths)).stdout.decode().splitlines()]
-    rows = by_name(read_kln(spark, str(folder), workers_per_task=2, timeout=5).collect())
+    rows = by_name(read_kln(spark, str(folder), workers_per_task=2, timeout=5, tables=True).collect())
 
     assert len(rows) == 302
     crashed, hung = rows.pop("crash.kln"), rows.pop("hang.kln")
@@ -70,6 +72,8 @@ def test_every_document_is_a_row_with_kln2txts_text(spark, docset):
         properties = {name: row[name] for name in ("title", "author", "keywords", "description", "class", "version")}
         assert (row.status, row.code, row.error, row.truncated) == ("ok", 0, None, False), path.name
         assert (row.text, properties, row.length) == (ref["text"], ref["properties"], path.stat().st_size), path.name
+        tables = [{"number": t.number, "kind": t.kind, "columns": t.columns, "rows": t.rows} for t in kln.extract(path).tables]
+        assert [t.asDict(recursive=True) for t in row.tables] == tables, path.name
 
 
 def test_a_folder_tree_read_recursively(spark, docset, tmp_path):
