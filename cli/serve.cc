@@ -351,13 +351,6 @@ std::string Answer(std::string_view id, int code, const char *status, const std:
          "\",\"message\":" + JsonString(message);
 }
 
-// The name of 0-based column n of a sheet: A, …, Z, AA, AB, …
-std::string ColumnName(uint32_t n) {
-  std::string name;
-  for (uint64_t k = uint64_t{n} + 1; k > 0; k = (k - 1) / 26) name.insert(name.begin(), char('A' + (k - 1) % 26));
-  return name;
-}
-
 // Appends item to a comma-separated list of JSON values.
 void Add(std::string &list, const std::string &item) {
   if (!list.empty()) list += ',';

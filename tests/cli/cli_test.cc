@@ -121,11 +121,11 @@ TEST_F(Kln2txtTest, JsonHoldsPropertiesTextAndOutcome) {
       "\\\"差額\\\",\\\"達成率\\\"\\n\\\"家賃\\\",\\\"\\\\360,000\\\",";
   EXPECT_EQ(r.out.substr(0, r.out.find(budget)),
             "{\"file\":\"empty.kln\",\"properties\":{\"title\":\"empty\",\"author\":\"\",\"keywords\":\"\","
-            "\"description\":\"\",\"class\":\"\",\"version\":\"\"},\"text\":\"\",\"result\":3003,"
+            "\"description\":\"\",\"class\":\"\",\"version\":\"\"},\"text\":\"\",\"tables\":[],\"result\":3003,"
             "\"message\":\"no text in document\"}\n"
-            "{\"file\":\"notes.kln\",\"properties\":null,\"text\":\"\",\"result\":3000,"
+            "{\"file\":\"notes.kln\",\"properties\":null,\"text\":\"\",\"tables\":[],\"result\":3000,"
             "\"message\":\"not a KLN document\"}\n");
-  const std::string end = "\\\"FALSE\\\"\",\"result\":0,\"message\":\"converted\"}\n";
+  const std::string end = "FALSE\"]]}],\"result\":0,\"message\":\"converted\"}\n";
   EXPECT_EQ(r.out.substr(r.out.size() - end.size()), end);
 }
 
