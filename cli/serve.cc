@@ -31,8 +31,13 @@ struct Json {
   bool boolean = false;
   double number = 0;
   std::string string;
-  std::vector<std::pair<std::string, Json>> members;
+  struct Member;  // a std::pair would need Json complete here
+  std::vector<Member> members;
   std::string_view raw;
+};
+struct Json::Member {
+  std::string name;  // empty in an array
+  Json value;
 };
 
 // A strict reader of one JSON text; nesting is capped so that a hostile
@@ -99,8 +104,8 @@ class JsonReader {
     do {
       std::string name;
       if (v.type == Json::kObject && (!(skipSpace(), string(name)) || !take(':'))) return false;
-      v.members.emplace_back(std::move(name), Json{});
-      if (!parse(v.members.back().second, depth + 1)) return false;
+      v.members.push_back({std::move(name), Json{}});
+      if (!parse(v.members.back().value, depth + 1)) return false;
     } while (take(','));
     return take(close);
   }
@@ -306,7 +311,7 @@ bool ParseRequest(const Json &json, Request &r, std::string &error) {
     } else if (name == "options") {
       ok = v.type == Json::kObject || (error = "\"options\" wants an object", false);
       for (size_t i = 0; ok && i < v.members.size(); ++i)
-        ok = ApplyOption(v.members[i].first, v.members[i].second, r.settings, error);
+        ok = ApplyOption(v.members[i].name, v.members[i].value, r.settings, error);
     } else {
       ok = (error = "unknown field \"" + name + "\"", false);
     }
