@@ -1,6 +1,9 @@
 // --format markdown|html|jsonl, the "tables" of --json and
 // --extract-objects: the document taken as structure events (always UTF-8)
 // and written as paragraphs and tables.
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <vector>
 
