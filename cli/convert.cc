@@ -178,22 +178,23 @@ Result OpenLog(const std::string &name, const Input &in) {
 
 }  // namespace
 
-// The test-only switch KLN2TXT_TEST_FAULT=crash:NAME or hang:NAME makes the
-// conversion of the file whose base name is NAME crash or hang once its
-// output is open, so that workers and stop signals can be tested.
 void InjectTestFault(const std::string &input) {
-  const char *fault = std::getenv("KLN2TXT_TEST_FAULT");
-  if (!fault) return;
-  const std::string_view f(fault);
-  const size_t colon = f.find(':');
+  const char *faults = std::getenv("KLN2TXT_TEST_FAULT");
+  if (!faults) return;
   const size_t slash = input.find_last_of('/');
   const std::string base = slash == std::string::npos ? input : input.substr(slash + 1);
-  if (colon == std::string_view::npos || f.substr(colon + 1) != base) return;
-  if (f.substr(0, colon) == "crash") {
-    signal(SIGSEGV, SIG_DFL);  // past any sanitizer's handler
-    raise(SIGSEGV);
-  } else if (f.substr(0, colon) == "hang") {
-    for (;;) pause();
+  // Several faults are separated by commas: crash:a.kln,hang:b.kln.
+  for (std::string_view rest(faults); !rest.empty();) {
+    const std::string_view f = rest.substr(0, rest.find(','));
+    rest.remove_prefix(std::min(rest.size(), f.size() + 1));
+    const size_t colon = f.find(':');
+    if (colon == std::string_view::npos || f.substr(colon + 1) != base) continue;
+    if (f.substr(0, colon) == "crash") {
+      signal(SIGSEGV, SIG_DFL);  // past any sanitizer's handler
+      raise(SIGSEGV);
+    } else if (f.substr(0, colon) == "hang") {
+      for (;;) pause();
+    }
   }
 }
 

@@ -199,9 +199,10 @@ bool Recode(const std::string &utf8, const char *set, std::string &out);
 // True when characters in `set` hold zero bytes (UTF-16, UTF-32, …).
 bool HoldsZeroBytes(const char *set);
 
-// The test-only switch KLN2TXT_TEST_FAULT=crash:NAME or hang:NAME makes the
-// process that converts the document whose base name is NAME crash or hang,
-// so that the isolation of workers can be tested.
+// The test-only switch KLN2TXT_TEST_FAULT=crash:NAME or hang:NAME (several
+// separated by commas) makes the process that converts the document whose
+// base name is NAME crash or hang, so that the isolation of workers can be
+// tested.
 void InjectTestFault(const std::string &input);
 
 // --serve: answers requests read from standard input until its end.

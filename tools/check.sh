@@ -45,5 +45,8 @@ rm -rf "$PYDIR"
 python3 -m venv "$PYDIR/venv"
 CMAKE_BUILD_PARALLEL_LEVEL="$JOBS" "$PYDIR/venv/bin/pip" install --quiet ./python pytest
 build-check/fuzz/make_seeds "$PYDIR/corpus" >/dev/null
+# ---- Spark: PySpark (the package's extra "spark") for python/tests/test_spark.py,
+# which runs Spark in local mode on Java 17; those tests skip without Java.
+"$PYDIR/venv/bin/pip" install --quiet "pyspark[sql]>=4.0"
 KLN_SAMPLES_DIR=build-check/samples KLN_CORPUS_DIR="$PYDIR/corpus" KLN_MAKE_SAMPLES=build-check/tools/make_samples \
   "$PYDIR/venv/bin/python" -m pytest -q -p no:cacheprovider python/tests
