@@ -64,9 +64,8 @@ std::vector<Job> PlanJobs(const Settings &s) {
   return jobs;
 }
 
-// The test-only switch KLN2TXT_TEST_FAULT=crash:NAME or hang:NAME makes the
-// worker for the file whose base name is NAME crash or hang, so that the
-// isolation of the workers can be tested.
+}  // namespace
+
 void InjectTestFault(const std::string &input) {
   const char *fault = std::getenv("KLN2TXT_TEST_FAULT");
   if (!fault) return;
@@ -80,6 +79,8 @@ void InjectTestFault(const std::string &input) {
     for (;;) pause();
   }
 }
+
+namespace {
 
 [[noreturn]] void RunWorker(const Settings &s, const Job &job, const sigset_t &mask) {
   sigprocmask(SIG_SETMASK, &mask, nullptr);

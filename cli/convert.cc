@@ -70,8 +70,8 @@ class InputCopy {
   std::string path_;
 };
 
-// The six properties of `path` in the output set of `options`; false when
-// the header cannot be read.
+}  // namespace
+
 bool ReadProperties(const std::string &path, const FilterOptions &options, const KlnCharsetInfo &charset,
                     std::vector<std::string> &values) {
   std::vector<char> record(KLN_PROPERTY_RECORD_SIZE, 0);
@@ -86,14 +86,14 @@ bool ReadProperties(const std::string &path, const FilterOptions &options, const
   return true;
 }
 
-// The options with UTF-8 output (and no byte-order mark) in place of the
-// set the user named.
 FilterOptions InUtf8(const FilterOptions &options) {
   FilterOptions utf8 = options;
   std::snprintf(utf8.outCharset, sizeof utf8.outCharset, "UTF-8");
   utf8.convOption &= ~KLN_CONV_UTF8_BOM;
   return utf8;
 }
+
+namespace {
 
 long AppendToString(void *user, const void *data, long len) {
   static_cast<std::string *>(user)->append(static_cast<const char *>(data), static_cast<size_t>(len));
@@ -107,6 +107,14 @@ int StreamText(const std::string &path, VTQ_STREAM *stream, const Settings &s, c
   VTQ_StreamDestroy(stream);
   return code;
 }
+
+}  // namespace
+
+int TextOf(const std::string &path, const Settings &s, const FilterOptions &options, std::string &text) {
+  return StreamText(path, VTQ_StreamCreate(AppendToString, &text), s, options);
+}
+
+namespace {
 
 // Opens where a listing goes: standard output, or the file outPath.
 FILE *OpenListing(const std::string &outPath) { return outPath.empty() ? stdout : std::fopen(outPath.c_str(), "wb"); }
@@ -157,7 +165,7 @@ int WriteJson(const std::string &path, const std::string &name, const Settings &
   std::vector<std::string> values;
   const bool headerReadable = ReadProperties(path, options, s.charset, values);
   std::string text;
-  const int code = StreamText(path, VTQ_StreamCreate(AppendToString, &text), s, options);
+  const int code = TextOf(path, s, options, text);
   outcome = OutcomeOf(code);
   if (outcome == Outcome::kDamaged && !headerReadable) outcome = Outcome::kNotKln;
 

@@ -25,6 +25,7 @@ struct Settings {
   unsigned timeoutSeconds = 60;
   bool properties = false;  // --properties instead of the text
   bool json = false;        // one JSON object per document
+  bool serve = false;       // --serve: requests on standard input
   std::vector<std::string> files;
 };
 
@@ -32,6 +33,12 @@ struct Settings {
 // with at once (--help and --version: kExitOk with `done` set; a mistake:
 // kExitUsage after a message on standard error).
 int ParseCommandLine(int argc, char **argv, Settings &settings, bool &done);
+
+// Set the line-end mode ("keep", "lf", …) or the embedded-object mode
+// ("extract", "skip", "refuse") called `name` in flags; false for a name
+// that is none of them.
+bool SetLineEnds(const std::string &name, uint32_t &flags);
+bool SetOleMode(const std::string &name, uint32_t &flags);
 
 // How one document ended, as people and the summary name it.
 enum class Outcome : uint8_t {
@@ -81,6 +88,24 @@ extern const Property kProperties[6];
 // to standard output (stream mode); otherwise into that file (file mode for
 // the text). Answers the outcome; code is the filter's result code.
 Outcome ConvertDocument(const Settings &settings, const std::string &input, const std::string &outPath, int &code);
+
+// The six properties of `path` in the output set of `options`; false when
+// the header cannot be read.
+bool ReadProperties(const std::string &path, const FilterOptions &options, const KlnCharsetInfo &charset,
+                    std::vector<std::string> &values);
+// The options with UTF-8 output (and no byte-order mark) in place of the
+// set the user named.
+FilterOptions InUtf8(const FilterOptions &options);
+// The text of `path` appended to `text`; answers the result code.
+int TextOf(const std::string &path, const Settings &s, const FilterOptions &options, std::string &text);
+
+// The test-only switch KLN2TXT_TEST_FAULT=crash:NAME or hang:NAME makes the
+// process that converts the document whose base name is NAME crash or hang,
+// so that the isolation of workers can be tested.
+void InjectTestFault(const std::string &input);
+
+// --serve: answers requests read from standard input until its end.
+int RunServe(const Settings &settings);
 
 // Converts settings.files into settings.outDir with worker processes.
 // Answers the exit status.

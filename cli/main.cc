@@ -28,5 +28,6 @@ int main(int argc, char **argv) {
   bool done = false;
   const int status = ParseCommandLine(argc, argv, settings, done);
   if (status != kExitOk || done) return status;
+  if (settings.serve) return RunServe(settings);
   return settings.outDir.empty() ? ConvertInProcess(settings) : RunBatch(settings);
 }

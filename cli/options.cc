@@ -36,6 +36,8 @@ constexpr char kUsage[] =
     "                          and version as 'name: value' lines instead of the text\n"
     "      --json              print one JSON object per document (always UTF-8):\n"
     "                          file, properties, text, result and message\n"
+    "      --serve             answer JSON requests, one a line, on standard input\n"
+    "                          (no FILE; see the README); the options are defaults\n"
     "\n"
     "Text:\n"
     "  -e, --encoding NAME     output character set (UTF-8)\n"
@@ -69,6 +71,7 @@ enum LongOnly : int {
   kTimeout,
   kListProperties,
   kJson,
+  kServe,
   kLatin1,
   kBom,
   kLineEnds,
@@ -92,6 +95,7 @@ constexpr option kLongOptions[] = {
     {"timeout", required_argument, nullptr, kTimeout},
     {"properties", no_argument, nullptr, kListProperties},
     {"json", no_argument, nullptr, kJson},
+    {"serve", no_argument, nullptr, kServe},
     {"encoding", required_argument, nullptr, 'e'},
     {"latin1", no_argument, nullptr, kLatin1},
     {"bom", no_argument, nullptr, kBom},
@@ -161,6 +165,13 @@ void SetSeparator(FilterOptions &filter, unsigned char c) {
 
 // Checks the combinations that only make sense together.
 int CheckCombination(const Settings &s, bool jobsGiven, bool timeoutGiven) {
+  if (s.serve) {
+    if (!s.files.empty()) return UsageError("%s", "--serve takes no FILE: requests name the documents");
+    if (!s.output.empty() || !s.outDir.empty() || s.properties || s.json || jobsGiven || timeoutGiven)
+      return UsageError("%s", "--serve takes none of -o, --out-dir, -j, --timeout, --properties, --json");
+    if (s.filter.flags & KLN_FLAG_LOG) return UsageError("%s", "--serve writes no log");
+    return kExitOk;
+  }
   if (s.files.empty()) return UsageError("%s", "no FILE given");
   const bool readsStdin = std::find(s.files.begin(), s.files.end(), "-") != s.files.end();
   if (!s.output.empty() && !s.outDir.empty()) return UsageError("%s", "-o and --out-dir exclude each other");
@@ -175,6 +186,14 @@ int CheckCombination(const Settings &s, bool jobsGiven, bool timeoutGiven) {
 }
 
 }  // namespace
+
+bool SetLineEnds(const std::string &name, uint32_t &flags) {
+  return SetMode(kLineEndModes, kLineEndBits, name.c_str(), flags);
+}
+
+bool SetOleMode(const std::string &name, uint32_t &flags) {
+  return SetMode(kOleModes, kOleModeBits, name.c_str(), flags);
+}
 
 int ParseCommandLine(int argc, char **argv, Settings &s, bool &done) {
   done = false;
@@ -203,6 +222,7 @@ int ParseCommandLine(int argc, char **argv, Settings &s, bool &done) {
         break;
       case kListProperties: s.properties = true; break;
       case kJson: s.json = true; break;
+      case kServe: s.serve = true; break;
       case 'e':
         // The filter takes a set name of at most 32 characters.
         if (std::strlen(optarg) == 0 || std::strlen(optarg) > 32)
@@ -212,7 +232,7 @@ int ParseCommandLine(int argc, char **argv, Settings &s, bool &done) {
       case kLatin1: s.charset.charsetCode = 0; break;
       case kBom: s.filter.convOption |= KLN_CONV_UTF8_BOM; break;
       case kLineEnds:
-        if (!SetMode(kLineEndModes, kLineEndBits, optarg, s.filter.flags))
+        if (!SetLineEnds(optarg, s.filter.flags))
           return UsageError("--line-ends is keep, lf, crlf, cr or space, not '%s'", optarg);
         break;
       case kMaxBytes:
@@ -232,7 +252,7 @@ int ParseCommandLine(int argc, char **argv, Settings &s, bool &done) {
       case kNoQuote: s.filter.flags |= KLN_FLAG_NO_QUOTE; break;
       case kNoFill: s.filter.flags |= KLN_FLAG_NO_FILL; break;
       case kOle:
-        if (!SetMode(kOleModes, kOleModeBits, optarg, s.filter.flags))
+        if (!SetOleMode(optarg, s.filter.flags))
           return UsageError("--ole is extract, skip or refuse, not '%s'", optarg);
         break;
       case kOleContinue: s.filter.flags |= KLN_FLAG_OLE_CONTINUE; break;
