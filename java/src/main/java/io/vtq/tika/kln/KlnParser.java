@@ -8,6 +8,7 @@ import java.io.File;
 import java.io.IOException;
 import java.io.InputStream;
 import java.util.Base64;
+import java.util.List;
 import java.util.Set;
 
 import org.apache.tika.config.Field;
@@ -41,6 +42,7 @@ public class KlnParser implements Parser, Closeable {
     private long timeoutMillis = 120_000;
     private boolean refuseObjects;
     private transient ServePool pool;
+    private volatile boolean structured = true;
 
     @Field
     public void setKln2txtPath(String path) {
@@ -74,7 +76,7 @@ public class KlnParser implements Parser, Closeable {
     @Override
     public void parse(InputStream stream, ContentHandler handler, Metadata metadata, ParseContext context)
             throws IOException, SAXException, TikaException {
-        JsonNode answer = pool().call(request(stream, metadata));
+        JsonNode answer = convert(request(stream, metadata));
         metadata.set(Metadata.CONTENT_TYPE, KLN.toString());
         KlnContent.properties(answer, metadata);
         XHTMLContentHandler xhtml = new XHTMLContentHandler(handler, metadata);
@@ -99,7 +101,8 @@ public class KlnParser implements Parser, Closeable {
 
     /** The document by path when it is a file already, else its bytes. */
     private ObjectNode request(InputStream stream, Metadata metadata) throws IOException {
-        ObjectNode request = ServePool.JSON.createObjectNode();
+        // The id goes first: a worker that rejects a request still echoes what it read before the fault.
+        ObjectNode request = ServePool.JSON.createObjectNode().put("id", 0);
         TikaInputStream tis = TikaInputStream.cast(stream);
         if (tis != null && tis.hasFile()) {
             request.put("path", tis.getFile().getAbsolutePath());
@@ -109,13 +112,32 @@ public class KlnParser implements Parser, Closeable {
             if (name != null) request.put("name", name);
         }
         request.putObject("options").put("ole", refuseObjects ? "refuse" : "extract").put("ole_continue", true);
-        request.put("text", false).put("properties", true).put("blocks", true).put("tables", true)
-                .put("objects", true);
         return request;
     }
 
+    /**
+     * Asks for the document in order (paragraphs, tables, objects with their bytes). A kln2txt that
+     * cannot answer with structure refuses such a request; from then on this parser asks it for the
+     * plain text, where tables are delimited lines and objects' text comes inline.
+     */
+    private JsonNode convert(ObjectNode request) throws TikaException {
+        ServePool workers = pool();
+        if (structured) {
+            request.put("text", false).put("blocks", true).put("tables", true).put("objects", true);
+            JsonNode answer = workers.call(request);
+            if (!"bad_request".equals(answer.path("status").asText())) return answer;
+            structured = false;
+            request.remove(List.of("blocks", "tables", "objects"));
+        }
+        request.put("text", true);
+        return workers.call(request);
+    }
+
     private synchronized ServePool pool() {
-        if (pool == null) pool = new ServePool(kln2txtPath, poolSize, timeoutMillis);
+        if (pool == null) {
+            pool = new ServePool(kln2txtPath, poolSize, timeoutMillis);
+            structured = true;
+        }
         return pool;
     }
 
