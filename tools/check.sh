@@ -16,3 +16,9 @@ cmake -S . -B build-sanitize -DCMAKE_BUILD_TYPE=Debug -DKLN_WERROR=ON -DKLN_SANI
 cmake --build build-sanitize -j "$JOBS"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --test-dir build-sanitize --output-on-failure -j "$JOBS"
+
+# ---- Tika parser (java/): the jar, its unit tests and an integration test in
+# tika-server-standard, run against the kln2txt and the samples of the g++ build.
+# Maven fetches what it lacks on the first run; later runs need no network.
+mvn -B -q -f java/pom.xml -Djava.build.dir="$PWD/build-check/java" \
+  -DKLN2TXT="$PWD/build-check/cli/kln2txt" -Dkln.samples="$PWD/build-check/samples" clean verify
