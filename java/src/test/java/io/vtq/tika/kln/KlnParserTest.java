@@ -120,6 +120,45 @@ class KlnParserTest {
         }
     }
 
+    /**
+     * A worker's structured answer, as the serve protocol defines it, through AutoDetectParser and
+     * RecursiveParserWrapper: paragraphs, a database and a sheet table, and an object as an entry.
+     */
+    @Test
+    void structuredAnswersBecomeTablesAndEmbeddedEntries(@TempDir Path dir) throws Exception {
+        Path answer = dir.resolve("answer.json");
+        Files.writeString(answer, """
+                "code":0,"status":"ok","message":"","truncated":false,\
+                "properties":{"title":"T","author":"","keywords":"","description":"","class":"c","version":""},\
+                "tables":[{"number":1,"kind":"database","columns":["氏名","会社"],"rows":[["山田","ロンドン商事"]]},\
+                {"number":2,"kind":"sheet","columns":["A"],"rows":[["1"],["2"]]}],\
+                "blocks":[{"type":"text","text":"one\\r\\ntwo\\n\\n"},{"type":"table","table":1},\
+                {"type":"object","number":1,"position":9,"data":"aGVsbG8gb2JqZWN0","text":"hello object","code":0},\
+                {"type":"table","table":2}],"warnings":["an object was passed over"]}""");
+        Path worker = dir.resolve("kln2txt");
+        Files.writeString(worker, "#!/bin/sh\nwhile IFS= read -r line; do id=${line#\\{\\\"id\\\":}; "
+                + "printf '{\"id\":%s,%s\\n' \"${id%%,*}\" \"$(cat " + answer + ")\"; done\n");
+        Files.setPosixFilePermissions(worker, PosixFilePermissions.fromString("rwx------"));
+        try (KlnParser kln = new KlnParser()) {
+            kln.setKln2txtPath(worker.toString());
+            RecursiveParserWrapper wrapper = new RecursiveParserWrapper(new AutoDetectParser(kln));
+            RecursiveParserWrapperHandler handler = new RecursiveParserWrapperHandler(
+                    new BasicContentHandlerFactory(BasicContentHandlerFactory.HANDLER_TYPE.XML, -1));
+            wrapper.parse(TikaInputStream.get(new byte[] {1}), handler, named("x.kln"), new ParseContext());
+            List<Metadata> entries = handler.getMetadataList();
+            String xml = entries.get(0).get(TikaCoreProperties.TIKA_CONTENT).replaceAll("\\s+<", "<");
+            assertTrue(xml.contains("<body><p>one</p><p>two</p><table><tr><th>氏名</th><th>会社</th></tr>"
+                    + "<tr><td>山田</td><td>ロンドン商事</td></tr></table><div class=\"package-entry\"><h1>object1</h1></div>"
+                    + "<table><tr><td>1</td></tr><tr><td>2</td></tr></table></body>"), xml);
+            assertEquals("c", entries.get(0).get(KlnContent.CLASS));
+            assertEquals("an object was passed over",
+                    entries.get(0).get(TikaCoreProperties.TIKA_META_EXCEPTION_WARNING));
+            assertEquals(2, entries.size());
+            assertEquals("/object1", entries.get(1).get(TikaCoreProperties.EMBEDDED_RESOURCE_PATH));
+            assertEquals("12", entries.get(1).get(Metadata.CONTENT_LENGTH));
+        }
+    }
+
     @Test
     void aWriteLimitTruncatesTheContentWithoutAnError() throws Exception {
         Metadata letter = recursive(Samples.path("letter"), 30).get(0);
