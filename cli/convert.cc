@@ -70,20 +70,27 @@ class InputCopy {
   std::string path_;
 };
 
-}  // namespace
-
+// The six properties of `path` in the output set of `options`; false when
+// the header cannot be read.
 bool ReadProperties(const std::string &path, const FilterOptions &options, const KlnCharsetInfo &charset,
                     std::vector<std::string> &values) {
   std::vector<char> record(KLN_PROPERTY_RECORD_SIZE, 0);
   if (GetProperty(path.c_str(), &options, record.data(), &charset) != KLN_OK) return false;
-  values.clear();
+  values = PropertyValues(record);
+  return true;
+}
+
+}  // namespace
+
+std::vector<std::string> PropertyValues(const std::vector<char> &record) {
+  std::vector<std::string> values;
   for (size_t i = 0; i < 6; ++i) {
     // Each text ends at its NUL, and at the latest where the next one starts.
     const size_t end = i + 1 < 6 ? kProperties[i + 1].offset : record.size();
     const char *at = record.data() + kProperties[i].offset;
     values.emplace_back(at, strnlen(at, end - kProperties[i].offset));
   }
-  return true;
+  return values;
 }
 
 FilterOptions InUtf8(const FilterOptions &options) {
@@ -107,14 +114,6 @@ int StreamText(const std::string &path, VTQ_STREAM *stream, const Settings &s, c
   VTQ_StreamDestroy(stream);
   return code;
 }
-
-}  // namespace
-
-int TextOf(const std::string &path, const Settings &s, const FilterOptions &options, std::string &text) {
-  return StreamText(path, VTQ_StreamCreate(AppendToString, &text), s, options);
-}
-
-namespace {
 
 // Opens where a listing goes: standard output, or the file outPath.
 FILE *OpenListing(const std::string &outPath) { return outPath.empty() ? stdout : std::fopen(outPath.c_str(), "wb"); }
@@ -165,7 +164,7 @@ int WriteJson(const std::string &path, const std::string &name, const Settings &
   std::vector<std::string> values;
   const bool headerReadable = ReadProperties(path, options, s.charset, values);
   std::string text;
-  const int code = TextOf(path, s, options, text);
+  const int code = StreamText(path, VTQ_StreamCreate(AppendToString, &text), s, options);
   outcome = OutcomeOf(code);
   if (outcome == Outcome::kDamaged && !headerReadable) outcome = Outcome::kNotKln;
 

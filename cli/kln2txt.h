@@ -89,15 +89,11 @@ extern const Property kProperties[6];
 // the text). Answers the outcome; code is the filter's result code.
 Outcome ConvertDocument(const Settings &settings, const std::string &input, const std::string &outPath, int &code);
 
-// The six properties of `path` in the output set of `options`; false when
-// the header cannot be read.
-bool ReadProperties(const std::string &path, const FilterOptions &options, const KlnCharsetInfo &charset,
-                    std::vector<std::string> &values);
+// The six texts of a property record (KLN_PROPERTY_RECORD_SIZE bytes).
+std::vector<std::string> PropertyValues(const std::vector<char> &record);
 // The options with UTF-8 output (and no byte-order mark) in place of the
 // set the user named.
 FilterOptions InUtf8(const FilterOptions &options);
-// The text of `path` appended to `text`; answers the result code.
-int TextOf(const std::string &path, const Settings &s, const FilterOptions &options, std::string &text);
 
 // The test-only switch KLN2TXT_TEST_FAULT=crash:NAME or hang:NAME makes the
 // process that converts the document whose base name is NAME crash or hang,

@@ -3,16 +3,14 @@
 // document (its path, or its bytes in base64) and what to answer; each
 // request gets exactly one JSON line on standard output, flushed at once.
 // The process ends with status 0 at the end of its input.
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <cmath>
 #include <cstring>
 #include <iostream>
-#include <memory>
 #include <string_view>
 
 #include "kln2txt.h"
+#include "vtq_stream.h"
+#include "vtq_txkln_ext.h"
 
 namespace kln2txt {
 
@@ -157,13 +155,15 @@ class JsonReader {
   bool string(std::string &out) {
     if (pos_ >= s_.size() || s_[pos_] != '"') return false;
     for (++pos_; pos_ < s_.size();) {
+      // A run without quote, backslash or control character goes in at once
+      // (a document's base64 is one long run).
+      const size_t run = pos_;
+      while (pos_ < s_.size() && s_[pos_] != '"' && s_[pos_] != '\\' && static_cast<uint8_t>(s_[pos_]) >= 0x20) ++pos_;
+      out.append(s_.substr(run, pos_ - run));
+      if (pos_ >= s_.size()) return false;
       const char c = s_[pos_++];
       if (c == '"') return true;
-      if (static_cast<uint8_t>(c) < 0x20) return false;
-      if (c != '\\') {
-        out += c;
-        continue;
-      }
+      if (c != '\\') return false;
       if (pos_ >= s_.size()) return false;
       const char e = s_[pos_++];
       static constexpr std::string_view kFrom = "\"\\/bfnrt", kTo = "\"\\/\b\f\n\r\t";
@@ -181,6 +181,8 @@ class JsonReader {
   size_t pos_ = 0;
 };
 
+constexpr char kBase64Digits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
 // Standard base64 with optional '=' padding; false for any other byte.
 bool DecodeBase64(std::string_view in, std::string &out) {
   while (!in.empty() && in.back() == '=') in.remove_suffix(1);
@@ -189,7 +191,7 @@ bool DecodeBase64(std::string_view in, std::string &out) {
   uint32_t bits = 0;
   int count = 0;
   for (const char c : in) {
-    const int v = DigitValue(c, "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/");
+    const int v = DigitValue(c, kBase64Digits);
     if (v < 0) return false;
     bits = bits << 6 | static_cast<uint32_t>(v);
     if (++count == 4) {
@@ -208,13 +210,27 @@ bool DecodeBase64(std::string_view in, std::string &out) {
   return true;
 }
 
+std::string EncodeBase64(const uint8_t *data, size_t size) {
+  std::string out;
+  out.reserve((size + 2) / 3 * 4);
+  for (size_t i = 0; i < size; i += 3) {
+    const uint32_t n = uint32_t{data[i]} << 16 | (i + 1 < size ? uint32_t{data[i + 1]} << 8 : 0) |
+                       (i + 2 < size ? uint32_t{data[i + 2]} : 0);
+    out += kBase64Digits[n >> 18];
+    out += kBase64Digits[n >> 12 & 63];
+    out += i + 1 < size ? kBase64Digits[n >> 6 & 63] : '=';
+    out += i + 2 < size ? kBase64Digits[n & 63] : '=';
+  }
+  return out;
+}
+
 // What one request asks for.
 struct Request {
   std::string_view id = "null";
   std::string path, data, name;
   bool hasData = false;
   Settings settings;
-  bool text = true, properties = true;
+  bool text = true, properties = true, tables = false, blocks = false, objects = false;
 };
 
 // The value of a boolean member, or an error.
@@ -286,10 +302,7 @@ bool ParseRequest(const Json &json, Request &r, std::string &error) {
     } else if (name == "text" || name == "properties") {
       ok = Flag(v, name, name == "text" ? r.text : r.properties, error);
     } else if (name == "tables" || name == "blocks" || name == "objects") {
-      // Tables and blocks come from the structure events, which this
-      // filter does not offer yet: say so rather than answer nothing.
-      bool asked = false;
-      ok = Flag(v, name, asked, error) && (!asked || (error = "\"" + name + "\" is not in this build", false));
+      ok = Flag(v, name, name == "tables" ? r.tables : name == "blocks" ? r.blocks : r.objects, error);
     } else if (name == "options") {
       ok = v.type == Json::kObject || (error = "\"options\" wants an object", false);
       for (size_t i = 0; ok && i < v.members.size(); ++i)
@@ -300,35 +313,23 @@ bool ParseRequest(const Json &json, Request &r, std::string &error) {
     if (!ok) return false;
   }
   if (r.path.empty() == !r.hasData) return error = "a request has either \"path\" or \"data\"", false;
+  if (r.path.find('\0') != std::string::npos) return error = "\"path\" holds a NUL character", false;
   if (r.name.empty()) r.name = r.path;
+  r.blocks = r.blocks || r.objects;  // objects come in their blocks
+  r.tables = r.tables || r.blocks;   // which refer to the tables
   return true;
 }
 
-// The document's bytes as a file the filter opens by name: an anonymous
-// memory file, so nothing is left on disk whatever happens to the worker.
-class MemoryFile {
- public:
-  explicit MemoryFile(const std::string &bytes) : fd_(memfd_create("kln2txt-serve", MFD_CLOEXEC)) {
-    bool ok = fd_ >= 0;
-    for (size_t done = 0; ok && done < bytes.size();) {
-      const ssize_t n = write(fd_, bytes.data() + done, bytes.size() - done);
-      ok = n > 0 || (n < 0 && errno == EINTR);
-      if (n > 0) done += static_cast<size_t>(n);
-    }
-    if (ok) path_ = "/proc/self/fd/" + std::to_string(fd_);
-  }
-  ~MemoryFile() {
-    if (fd_ >= 0) close(fd_);
-  }
-  MemoryFile(const MemoryFile &) = delete;
-  MemoryFile &operator=(const MemoryFile &) = delete;
-  // Empty when the file could not be made.
-  const std::string &path() const { return path_; }
-
- private:
-  int fd_;
-  std::string path_;
-};
+// The bytes of the file at `path`; false when it cannot be read.
+bool ReadFile(const std::string &path, std::string &bytes) {
+  FILE *f = std::fopen(path.c_str(), "rb");
+  if (!f) return false;
+  char buf[65536];
+  for (size_t n; (n = std::fread(buf, 1, sizeof buf, f)) > 0;) bytes.append(buf, n);
+  const bool ok = !std::ferror(f);
+  std::fclose(f);
+  return ok;
+}
 
 // The status word of an answer for a result code.
 const char *StatusOf(int code, bool headerReadable) {
@@ -350,37 +351,165 @@ std::string Answer(std::string_view id, int code, const char *status, const std:
          "\",\"message\":" + JsonString(message);
 }
 
-// Converts the document of a request; answers the JSON line.
-std::string Serve(const Request &r) {
-  InjectTestFault(r.name);
-  std::unique_ptr<MemoryFile> memory;
-  if (r.hasData) {
-    memory = std::make_unique<MemoryFile>(r.data);
-    if (memory->path().empty())
-      return Answer(r.id, KLN_ERR_NOMEM, "no_memory", OutcomeText(Outcome::kNoMemory)) + "}\n";
-  }
-  const std::string &path = memory ? memory->path() : r.path;
-  if (path.size() >= KLN_MAX_PATH)
-    return Answer(r.id, KLN_ERR_OPEN, "cannot_open", OutcomeText(Outcome::kPathTooLong)) + "}\n";
+// The name of 0-based column n of a sheet: A, …, Z, AA, AB, …
+std::string ColumnName(uint32_t n) {
+  std::string name;
+  for (uint64_t k = uint64_t{n} + 1; k > 0; k = (k - 1) / 26) name.insert(name.begin(), char('A' + (k - 1) % 26));
+  return name;
+}
 
+// Appends item to a comma-separated list of JSON values.
+void Add(std::string &list, const std::string &item) {
+  if (!list.empty()) list += ',';
+  list += item;
+}
+
+// The tables, blocks and warnings of a document as JSON array members,
+// written from its structure events. An embedded object is one block, with
+// its bytes and its text when `objects` is asked (else its text stays in
+// the text blocks); objects within it belong to it.
+class Structure {
+ public:
+  explicit Structure(bool objects) : objects_(objects) {}
+
+  // Runs the document's events; answers the result code.
+  int collect(const std::string &bytes, const FilterOptions &options, const KlnCharsetInfo &charset) {
+    KlnEventHandlers h{};
+    h.structSize = sizeof h;
+    h.text = Text;
+    h.tableStart = TableStart;
+    h.row = Row;
+    h.tableEnd = TableEnd;
+    h.objectStart = ObjectStart;
+    h.objectEnd = ObjectEnd;
+    const int code =
+        GetEventsFromMemoryWithErrCallback(bytes.data(), bytes.size(), &h, this, &options, &charset, nullptr);
+    endText();
+    return code;
+  }
+
+  std::string tables, blocks, warnings;
+
+ private:
+  static Structure &Of(void *user) { return *static_cast<Structure *>(user); }
+
+  void endText() {
+    if (!text_.empty()) Add(blocks, "{\"type\":\"text\",\"text\":" + JsonString(text_) + "}");
+    text_.clear();
+  }
+
+  static int Text(void *user, const char *text, size_t length) {
+    Structure &s = Of(user);
+    (s.depth_ && s.objects_ ? s.objectText_ : s.text_).append(text, length);
+    return 0;
+  }
+
+  static int TableStart(void *user, const KlnTableInfo *t) {
+    Structure &s = Of(user);
+    s.endText();
+    Add(s.blocks, "{\"type\":\"table\",\"table\":" + std::to_string(t->number) + "}");
+    const bool database = t->kind == KLN_TABLE_DATABASE;
+    std::string columns;
+    for (uint32_t i = 0; i < (database ? t->fieldCount : t->columnCount); ++i)
+      Add(columns, JsonString(database ? std::string(t->fieldNames[i]) : ColumnName(i)));
+    s.table_ = "{\"number\":" + std::to_string(t->number) + ",\"kind\":\"" + (database ? "database" : "sheet") +
+               "\",\"columns\":[" + columns + "],\"rows\":[";
+    s.rows_ = 0;
+    return 0;
+  }
+
+  static int Row(void *user, uint32_t row, const KlnCell *cells, size_t count) {
+    Structure &s = Of(user);
+    for (; s.rows_ < row; ++s.rows_) s.table_ += s.rows_ ? ",[]" : "[]";  // rows the writer leaves empty
+    std::string json;
+    for (size_t i = 0; i < count; ++i) Add(json, JsonString(std::string(cells[i].text, cells[i].length)));
+    s.table_ += (s.rows_++ ? ",[" : "[") + json + "]";
+    return 0;
+  }
+
+  static int TableEnd(void *user, int32_t) {
+    Structure &s = Of(user);
+    Add(s.tables, s.table_ + "]}");
+    return 0;
+  }
+
+  static int ObjectStart(void *user, const KlnObjectInfo *o) {
+    Structure &s = Of(user);
+    if (s.depth_++) return 0;
+    s.endText();
+    s.object_ = "{\"type\":\"object\",\"number\":" + std::to_string(o->number) +
+                ",\"position\":" + std::to_string(o->position);
+    if (s.objects_) s.object_ += ",\"data\":\"" + EncodeBase64(o->data, o->size) + "\"";
+    s.objectText_.clear();
+    return 0;
+  }
+
+  static int ObjectEnd(void *user, int32_t number, int32_t result) {
+    Structure &s = Of(user);
+    if (result == KLN_ERR_OLE_UNSUPPORTED)
+      Add(s.warnings, JsonString("embedded object " + std::to_string(number) + " holds no text that can be read"));
+    if (s.depth_ == 0 || --s.depth_ > 0) return 0;
+    if (s.objects_) s.object_ += ",\"text\":" + JsonString(s.objectText_);
+    Add(s.blocks, s.object_ + ",\"code\":" + std::to_string(result) + "}");
+    return 0;
+  }
+
+  const bool objects_;
+  std::string text_, table_, object_, objectText_;
+  uint32_t rows_ = 0;  // rows of the open table written so far
+  int depth_ = 0;      // embedded objects open
+};
+
+// The text of the document in `bytes` into `text`; answers the result code.
+int TextOf(const std::string &bytes, const FilterOptions &options, const KlnCharsetInfo &charset, std::string &text) {
+  VTQ_STREAM *stream = VTQ_StreamCreateBuffer();
+  if (!stream) return KLN_ERR_NOMEM;
+  const int code =
+      GetTextStreamFromMemoryWithErrCallback(bytes.data(), bytes.size(), stream, &options, &charset, nullptr);
+  size_t length = 0;
+  const void *data = VTQ_StreamBufferData(stream, &length);
+  text.assign(static_cast<const char *>(data), length);
+  VTQ_StreamDestroy(stream);
+  return code;
+}
+
+// The six properties of a record as a JSON object; null when the header
+// could not be read.
+std::string PropertiesJson(const std::vector<char> &record, bool readable) {
+  if (!readable) return "null";
+  const std::vector<std::string> values = PropertyValues(record);
+  std::string json;
+  for (size_t i = 0; i < 6; ++i) Add(json, "\"" + std::string(kProperties[i].name) + "\":" + JsonString(values[i]));
+  return "{" + json + "}";
+}
+
+// Converts the document of a request; answers the JSON line. The document
+// is read into memory whether it came as data or by path.
+std::string Serve(Request &r) {
+  InjectTestFault(r.name);
+  const bool loaded = r.hasData || ReadFile(r.path, r.data);
   const FilterOptions options = InUtf8(r.settings.filter);
-  std::vector<std::string> values;
-  const bool headerReadable = ReadProperties(path, options, r.settings.charset, values);
+  const KlnCharsetInfo &charset = r.settings.charset;
+  std::vector<char> record(KLN_PROPERTY_RECORD_SIZE, 0);
+  const bool headerReadable =
+      loaded && GetPropertyFromMemory(r.data.data(), r.data.size(), &options, record.data(), &charset) == KLN_OK;
   std::string text;
-  const int code = r.text || !headerReadable ? TextOf(path, r.settings, options, text) : KLN_OK;
-  const bool failed = code != KLN_OK && code != KLN_ERR_SIZE_LIMIT;
+  int code = KLN_ERR_OPEN;
+  if (loaded) code = r.text || !headerReadable ? TextOf(r.data, options, charset, text) : KLN_OK;
+  const auto failed = [](int c) { return c != KLN_OK && c != KLN_ERR_SIZE_LIMIT && c != KLN_ERR_NO_TEXT; };
+  Structure structure(r.objects);
+  if (r.tables && headerReadable && !failed(code)) {
+    const int events = structure.collect(r.data, options, charset);
+    if (failed(events)) code = events;
+  }
   const Outcome outcome = code == KLN_ERR_FORMAT && !headerReadable ? Outcome::kNotKln : OutcomeOf(code);
   std::string json = Answer(r.id, code, StatusOf(code, headerReadable), code == KLN_OK ? "" : OutcomeText(outcome));
   json += std::string(",\"truncated\":") + (code == KLN_ERR_SIZE_LIMIT ? "true" : "false");
-  if (r.text) json += ",\"text\":" + JsonString(failed ? std::string() : text);
-  if (r.properties) {
-    json += ",\"properties\":";
-    if (!headerReadable) json += "null";
-    for (size_t i = 0; headerReadable && i < 6; ++i)
-      json += std::string(i ? "," : "{") + "\"" + kProperties[i].name + "\":" + JsonString(values[i]);
-    if (headerReadable) json += '}';
-  }
-  return json + ",\"warnings\":[]}\n";
+  if (r.text) json += ",\"text\":" + JsonString(failed(code) ? std::string() : text);
+  if (r.properties) json += ",\"properties\":" + PropertiesJson(record, headerReadable);
+  if (r.tables) json += ",\"tables\":[" + structure.tables + "]";
+  if (r.blocks) json += ",\"blocks\":[" + structure.blocks + "]";
+  return json + ",\"warnings\":[" + structure.warnings + "]}\n";
 }
 
 // The answer to one line of input.

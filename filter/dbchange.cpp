@@ -294,6 +294,11 @@ int ComputedValue(const DbField &f, const ByteView &value, CellNode *cell, const
 }
 }  // namespace
 
+int32_t DbTextKind(const DbField &f) {
+  if (f.fieldType == kChoiceField || f.fieldType == kChoiceField2) return KLN_CELL_CHOICE;
+  return f.fieldType == kYesNoField ? KLN_CELL_YESNO : KLN_CELL_TEXT;
+}
+
 int dbChoiceIndex(const DbField &f, DbChoiceList *list) {
   const ByteView extra(f.extra, f.extraLen > 0 ? size_t(f.extraLen) : 0);
   const uint64_t end = std::min<uint64_t>(uint64_t(extra.u32(0)) + 4, extra.size());

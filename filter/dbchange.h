@@ -9,6 +9,10 @@
 // also brings the records into the CellTable and sets the fields' styles.
 int GetDbDSET(ConvContext *ctx);
 
+// The event kind (KLN_CELL_...) of a text value of field f: a choice, a
+// yes/no or a text.
+int32_t DbTextKind(const DbField &f);
+
 // Builds dbFields / dbFieldCount from the field-definition block (`block`:
 // its length word, then the body as read; `length` is the declared body
 // length + 4) and reads the fields' extra pieces that follow it in the

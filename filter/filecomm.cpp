@@ -1,14 +1,22 @@
 // The filter's single reading and writing paths.
 #include "filecomm.h"
 
+#include "events.h"
+
 size_t comm_read(void *buf, size_t size, size_t count, VTQ_FILE *f) { return VTQ_FileRead(buf, size, count, f); }
 
 namespace {
-// Writes n bytes of outBuf to the file or the stream; answers the bytes
-// written (0 on failure).
+// Writes n bytes of outBuf to the file, the stream or the host's text
+// handler; answers the bytes written (0 on failure).
 size_t WriteOut(ConvContext *ctx, VTQ_FILE *f, uint32_t n) {
-  if (ctx->streamMode != 1) return VTQ_FileWrite(ctx->outBuf, 1, n, f);
-  return VTQ_WriteStream(ctx->outStream, static_cast<long>(n), ctx->outBuf) == -1 ? 0 : n;
+  switch (ctx->streamMode) {
+    case 1:
+      return VTQ_WriteStream(ctx->outStream, static_cast<long>(n), ctx->outBuf) == -1 ? 0 : n;
+    case 2:
+      return EmitText(ctx, ctx->outBuf, n) ? n : 0;
+    default:
+      return VTQ_FileWrite(ctx->outBuf, 1, n, f);
+  }
 }
 }  // namespace
 

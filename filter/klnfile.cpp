@@ -1,17 +1,19 @@
 // The file and property entry points, the style table readers and the
 // cell-writing stage.
+#include "events.h"
 #include "filecomm.h"
 #include "klnmain.h"
 #include "sschange.h"
+#include "vtq_txkln_ext.h"
 
 // ==== File entry point ====
 
-extern "C" int GetTextWithErrCallback(const char *inPath, const char *outPath, const FilterOptions *options,
-                                      const KlnCharsetInfo *charset, void *errCallback) {
-  if (PathTooLong(inPath) || PathTooLong(outPath)) return kOpenFailed;
+namespace {
+int TextToFile(const KlnInput &in, const char *outPath, const FilterOptions *options, const KlnCharsetInfo *charset,
+               void *errCallback) {
   if (!options || !charset) return kFormatError;
   ConvContext *ctx;
-  const int r = OpenTextContext(&ctx, inPath, options, charset, errCallback);
+  const int r = OpenTextContext(&ctx, in, options, charset, errCallback);
   if (r != kOk) return r;
   std::memcpy(ctx->outPath, outPath, std::strlen(outPath) + 1);
   ctx->fileMode = 1;
@@ -24,6 +26,20 @@ extern "C" int GetTextWithErrCallback(const char *inPath, const char *outPath, c
   const int result = RunTextConversion(ctx, ctx->outPath);
   closeall(ctx);
   return result;
+}
+}  // namespace
+
+extern "C" int GetTextWithErrCallback(const char *inPath, const char *outPath, const FilterOptions *options,
+                                      const KlnCharsetInfo *charset, void *errCallback) {
+  if (PathTooLong(inPath) || PathTooLong(outPath)) return kOpenFailed;
+  return TextToFile(PathInput(inPath), outPath, options, charset, errCallback);
+}
+
+extern "C" int GetTextFromMemoryWithErrCallback(const void *data, size_t size, const char *outPath,
+                                                const FilterOptions *options, const KlnCharsetInfo *charset,
+                                                void *errCallback) {
+  if ((!data && size > 0) || PathTooLong(outPath)) return kOpenFailed;
+  return TextToFile(MemoryInput(data, size), outPath, options, charset, errCallback);
 }
 
 // ==== Style table ====
@@ -138,7 +154,7 @@ int GetStyle(ConvContext *ctx, const uint8_t *record, int32_t bodyLen, size_t he
 
 int GetVtqTxt(ConvContext *ctx) {
   if (ctx->docKind == 1) return kOk;
-  if (ctx->docKind == 2 || ctx->docKind == 3) return PutSSVtqTxt(ctx);
+  if (ctx->docKind == 2 || ctx->docKind == 3) return ctx->events ? PutTableEvents(ctx) : PutSSVtqTxt(ctx);
   return kFormatError;
 }
 
@@ -196,21 +212,19 @@ int GetKlnPropertyInfo(uint8_t *record, ConvContext *ctx) {
   return kOk;
 }
 
-extern "C" int GetProperty(const char *path, const FilterOptions *options, void *record,
-                           const KlnCharsetInfo *charset) {
-  if (PathTooLong(path) || !options || !record || !charset) return kFormatError;
+namespace {
+int PropertiesOf(const KlnInput &in, const FilterOptions *options, void *record, const KlnCharsetInfo *charset) {
+  if (!options || !record || !charset) return kFormatError;
   ConvContext *ctx = nullptr;
   if (initial(&ctx) != kOk) {
     closeall(ctx);
     return kNoMemory;
   }
-  std::memcpy(ctx->inPath, path, std::strlen(path) + 1);
   GetEndian(ctx);
   ctx->flags |= kCtxPropertyMode;
   ctx->options = options;
   ctx->charsetInfo = charset;
-  ctx->inFile = VTQ_FileOpen(ctx->inPath, "rb");
-  if (!ctx->inFile) {
+  if (!OpenInput(ctx, in)) {
     closeall(ctx);
     return kFormatError;  // the record is left as it was
   }
@@ -219,4 +233,17 @@ extern "C" int GetProperty(const char *path, const FilterOptions *options, void 
   VTQ_FileClose(ctx->inFile);
   closeall(ctx);
   return result;
+}
+}  // namespace
+
+extern "C" int GetProperty(const char *path, const FilterOptions *options, void *record,
+                           const KlnCharsetInfo *charset) {
+  if (PathTooLong(path)) return kFormatError;
+  return PropertiesOf(PathInput(path), options, record, charset);
+}
+
+extern "C" int GetPropertyFromMemory(const void *data, size_t size, const FilterOptions *options, void *record,
+                                     const KlnCharsetInfo *charset) {
+  if (!data && size > 0) return kFormatError;
+  return PropertiesOf(MemoryInput(data, size), options, record, charset);
 }

@@ -156,7 +156,7 @@ int RunTextConversion(ConvContext *ctx, const char *logBase) {
   const uint32_t flags = ctx->options->flags;
   int result;
   if (flags & KLN_FLAG_LOG) {
-    GetLogFileName(logBase, "KLN", ctx->logName);
+    if (*logBase) GetLogFileName(logBase, "KLN", ctx->logName);
     ctx->logFile = vtq_logfopen(flags, ctx->logName);
     if (!ctx->logFile) {
       result = kOpenFailed;
@@ -487,13 +487,13 @@ int GetString_kln(char *name33, uint32_t *flag, uint32_t code) {
   return kOk;
 }
 
-int CodeConvStart(ConvContext *ctx, ConvRun &run, const uint8_t *text, uint32_t len, int mode) {
+int CodeConvStart(ConvContext *ctx, ConvRun &run, const uint8_t *text, uint32_t len, int mode, VtqBuffer *scratch) {
   CconvCharsetRecord record{0, 0, 1};
   run.options = CconvOptions{};
   run.options.convOption = ctx->options->convOption;
   run.firstOutput = false;
   if (!(ctx->flags & kCtxOutputMade)) {
-    run.firstOutput = !(ctx->flags & kCtxPropertyMode);
+    run.firstOutput = !(ctx->flags & (kCtxPropertyMode | kCtxEventMode));
     ctx->flags |= kCtxOutputMade;
   }
   run.options.firstOutput = run.firstOutput ? 1 : 0;
@@ -518,12 +518,18 @@ int CodeConvStart(ConvContext *ctx, ConvRun &run, const uint8_t *text, uint32_t 
   run.state.out = ctx->outBuf;
   run.state.outLen = 0;
   run.state.outCap = kOutBufSize;
-  run.stripped.reset(static_cast<uint8_t *>(VTQ_malloc(size_t(len) + 16)));
-  if (!run.stripped) return kNoMemory;
-  run.state.in = run.stripped.get();
+  uint8_t *stripped;
+  if (scratch) {
+    if (!scratch->grow(size_t(len) + 16)) return kNoMemory;
+    stripped = scratch->data();
+  } else {
+    run.stripped.reset(static_cast<uint8_t *>(VTQ_malloc(size_t(len) + 16)));
+    if (!run.stripped) return kNoMemory;
+    stripped = run.stripped.get();
+  }
+  run.state.in = stripped;
   run.state.inPos = 0;
-  run.state.inLen = VTQ_CopyStripControlCode(run.stripped.get(), text, len, VTQ_GetGroupCharWidth(docName),
-                                             record.dbcs);
+  run.state.inLen = VTQ_CopyStripControlCode(stripped, text, len, VTQ_GetGroupCharWidth(docName), record.dbcs);
   return kOk;
 }
 
@@ -553,7 +559,17 @@ int CodeConv(ConvContext *ctx, const uint8_t *text, uint32_t len, int mode) {
 
 // ==== Entry-point set-up ====
 
-int OpenTextContext(ConvContext **out, const char *inPath, const FilterOptions *options,
+bool OpenInput(ConvContext *ctx, const KlnInput &in) {
+  if (!in.path) {
+    ctx->inFile = VTQ_FileOpenMemory(in.data, in.size);
+    return ctx->inFile != nullptr;
+  }
+  std::memcpy(ctx->inPath, in.path, std::strlen(in.path) + 1);
+  ctx->inFile = VTQ_FileOpen(ctx->inPath, "rb");
+  return ctx->inFile != nullptr;
+}
+
+int OpenTextContext(ConvContext **out, const KlnInput &in, const FilterOptions *options,
                     const KlnCharsetInfo *charset, void *errCallback) {
   ConvContext *ctx = nullptr;
   if (initial(&ctx) != kOk) {
@@ -561,13 +577,11 @@ int OpenTextContext(ConvContext **out, const char *inPath, const FilterOptions *
     *out = nullptr;
     return kNoMemory;
   }
-  std::memcpy(ctx->inPath, inPath, std::strlen(inPath) + 1);
   ctx->options = options;
   ctx->charsetInfo = charset;
   ctx->errCallback = errCallback;
   GetEndian(ctx);
-  ctx->inFile = VTQ_FileOpen(ctx->inPath, "rb");
-  if (!ctx->inFile) {
+  if (!OpenInput(ctx, in)) {
     closeall(ctx);
     *out = nullptr;
     return kOpenFailed;

@@ -9,6 +9,7 @@
 
 #include "vtq_rt.h"
 #include "vtq_txkln.h"
+#include "vtq_txkln_ext.h"
 
 // Result codes used inside the filter besides the public ones.
 constexpr int kOk = 0;
@@ -28,6 +29,7 @@ constexpr uint32_t kWriteStopped = 0x9900;  // writeState once the limit passed
 constexpr uint32_t kCtxBigEndianHost = 0x01;
 constexpr uint32_t kCtxOutputMade = 0x04;
 constexpr uint32_t kCtxPropertyMode = 0x20;
+constexpr uint32_t kCtxEventMode = 0x40;  // structure events: no byte-order mark
 
 constexpr uint32_t kOutBufSize = 0x10002;
 constexpr size_t kPathSize = 260;
@@ -118,6 +120,14 @@ struct ConvContext {
   uint32_t streamMode;
   void *errCallback;
   uint32_t fileMode;
+  // Structure events (streamMode 2): the host's handlers and user pointer,
+  // the host's stop code, the objects reported so far, and whether written
+  // text is only counted (the delimited copy of a table).
+  const KlnEventHandlers *events;
+  void *eventUser;
+  int32_t eventStop;
+  int32_t objectCount;
+  uint8_t countOnly;
 };
 
 // ---- Ownership over the runtime allocator. ----
@@ -283,14 +293,29 @@ long ReadGrowing(ConvContext *ctx, VtqBuffer &buf, size_t at, uint32_t len);
 // A path the 260-byte buffers of the context cannot hold (or none).
 inline bool PathTooLong(const char *path) { return !path || strnlen(path, kPathSize) >= kPathSize; }
 
+// Where a document comes from: a path (shorter than kPathSize), or, with
+// path null, the bytes data[0..size) held by the caller.
+struct KlnInput {
+  const char *path;
+  const void *data;
+  size_t size;
+};
+inline KlnInput PathInput(const char *path) { return {path, nullptr, 0}; }
+inline KlnInput MemoryInput(const void *data, size_t size) { return {nullptr, data, size}; }
+
+// Opens the input as ctx->inFile (a path is kept in ctx->inPath); false
+// when it cannot be opened.
+bool OpenInput(ConvContext *ctx, const KlnInput &in);
+
 // Creates the context of a text conversion, fills it from the caller's
 // arguments and opens the input. On failure the context is released and
 // *out is null; answers 0, 12 or 22.
-int OpenTextContext(ConvContext **out, const char *inPath, const FilterOptions *options,
+int OpenTextContext(ConvContext **out, const KlnInput &in, const FilterOptions *options,
                     const KlnCharsetInfo *charset, void *errCallback);
 
 // Runs the text conversion of an opened context and judges the outcome;
-// shared by the file and the stream entry points.
+// shared by the file and the stream entry points. The log is named after
+// logBase; an empty base has no log name, which fails a log request (22).
 int RunTextConversion(ConvContext *ctx, const char *logBase);
 
 // ---- Character conversion. ----
@@ -313,8 +338,10 @@ struct ConvRun {
   }
 };
 // Sets the run up for len bytes of text (mode 3: document set from
-// charsetInfo). 0, 12 or 3000.
-int CodeConvStart(ConvContext *ctx, ConvRun &run, const uint8_t *text, uint32_t len, int mode);
+// charsetInfo). The stripped copy goes to `scratch` when given (grown,
+// kept for the next run), else to a buffer of the run. 0, 12 or 3000.
+int CodeConvStart(ConvContext *ctx, ConvRun &run, const uint8_t *text, uint32_t len, int mode,
+                  VtqBuffer *scratch = nullptr);
 // Converts the next piece into outBuf (outLen set). 0 or 3000.
 int CodeConvPiece(ConvContext *ctx, ConvRun &run);
 // Whether input remains after the last piece.

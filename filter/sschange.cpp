@@ -636,24 +636,27 @@ int GetSSFormat(ConvContext *ctx, double value, uint16_t kind, uint16_t style, c
   return kOk;
 }
 
-// ==== Cell text writer ====
+int CellFormatCode(const ConvContext *ctx, uint16_t kind, uint16_t style) {
+  const CellStyle *cs = LookupCellStyle(ctx, style);
+  return cs ? EffectiveCode(ctx, cs->formatCode, kind) : -1;
+}
+
+// ==== Cell rows and the delimited writer ====
 //
-// The table is written row by row: cells separated by the separator, rows
-// by line feeds, empty cells before a cell standing as empty fields unless
-// blank fill is off. Nothing follows the last cell.
+// The table is walked row by row. Each row's cells are formatted once, as
+// the delimited writer writes them, and the row is handed to a consumer:
+// the delimited writer, or the structure events (which pass it on to the
+// delimited writer as well, so both always hold the same texts).
+//
+// The delimited writer writes rows as lines (a gap of rows as that many
+// line feeds), cells separated by the separator, empty cells before a cell
+// standing as empty fields unless blank fill is off. Nothing follows the
+// last cell.
 
 namespace {
 constexpr int kCursorSlots = 257;
 constexpr size_t kPrefixSize = 20481;
 constexpr int kMaxLineFeeds = 20480;
-
-struct Writer {
-  ConvContext *ctx;
-  char separator;
-  bool quote;
-  bool fill;
-  uint8_t *prefix;  // kPrefixSize bytes, reused for every cell
-};
 
 bool Accepted(const ConvContext *ctx, uint16_t kind) {
   return ctx->docKind == 2 ? kind <= 6 : (kind >= 11 && kind <= 16);
@@ -663,103 +666,55 @@ int Write(ConvContext *ctx, const void *text, size_t n) {
   return comm_write(text, 1, n, ctx->outFile, ctx) < 1 ? kFormatError : kOk;
 }
 
-// The database header: the field names, then one line feed.
-int WriteFieldNames(const Writer &w) {
-  ConvContext *ctx = w.ctx;
-  int result = kOk;
-  for (int i = 0; i < ctx->dbFieldCount && result == kOk; ++i) {
-    const DbField &f = ctx->dbFields[i];
-    char open[2];
-    size_t n = 0;
-    if (i > 0) open[n++] = w.separator;
-    if (w.quote) open[n++] = '"';
-    if (n && Write(ctx, open, n) != kOk) result = kFormatError;
-    if (result == kOk && (f.nameLen == 0 || !f.name || Write(ctx, f.name, f.nameLen) != kOk)) result = kFormatError;
-    if (result == kOk && w.quote && Write(ctx, "\"", 1) != kOk) result = kFormatError;
-  }
-  if (Write(ctx, "\n", 1) != kOk) result = kFormatError;
-  return result;
-}
+bool IsTextKind(uint16_t kind) { return kind == 3 || kind == 5 || kind == 6 || kind == 16; }
 
-// Writes the line feeds and separators that precede `cell`.
-int WrtSSBlank(ConvContext *ctx, const CellNode &cell, int prevColumn, int prevRow, const Writer &w) {
-  uint8_t *buf = w.prefix;
-  size_t n = 0;
-  if (prevRow >= 0 && cell.row > prevRow) {
-    const int feeds = std::min(int(cell.row) - prevRow, kMaxLineFeeds);
-    std::memset(buf, '\n', size_t(feeds));
-    n = size_t(feeds);
-  }
-  const bool sameRow = cell.row == prevRow;
-  int pos = sameRow ? prevColumn + 1 : 0;
-  if (w.fill && pos < cell.column) {
-    if (pos > 256) return kFormatError;
-    if (n + 3 <= kPrefixSize - 2) {
-      for (; pos < cell.column; ++pos) {
-        if (pos >= 257) return kFormatError;
-        if (n >= kPrefixSize - 4) break;
-        if (sameRow || pos > 0) buf[n++] = uint8_t(w.separator);
-      }
+// Appends the cell's text, or its value formatted by its style, to `text`
+// at cell->at (quotes included when the writer quotes); sets cell->length.
+int FormatCell(ConvContext *ctx, const CellNode &node, bool quote, VtqBuffer &text, RowCell *cell) {
+  const uint16_t kind = node.kind;
+  if (IsTextKind(kind)) {
+    if (!node.text) return kFormatError;
+    const size_t len = std::strlen(node.text);
+    if (!text.grow(cell->at + len + 2)) return kNoMemory;
+    uint8_t *out = text.data() + cell->at;
+    size_t o = 0;
+    if (quote) out[o++] = '"';
+    for (size_t i = 0; i < len; ++i) {
+      if (node.text[i] != '\r') out[o++] = uint8_t(node.text[i]);  // carriage returns are removed
     }
-  }
-  if (cell.column != 0 && (w.fill || sameRow)) {
-    if (n > kPrefixSize - 2) return kFormatError;
-    buf[n++] = uint8_t(w.separator);
-  }
-  if (n == 0) return kOk;
-  return Write(ctx, buf, n);
-}
-
-// Writes the cell's text, or its value formatted by its style.
-int WrtSSCellData(ConvContext *ctx, const CellNode &cell, const Writer &w) {
-  const uint16_t kind = cell.kind;
-  if (kind > 16) return kFormatError;
-  char number[kMaxFormatted + 3];
-  const char *text;
-  size_t len = 0;
-  bool hasCr;
-  if (kind == 3 || kind == 5 || kind == 6 || kind == 16) {
-    if (!cell.text) return kFormatError;
-    text = cell.text;
-    len = std::strlen(text);
-    hasCr = std::memchr(text, '\r', len) != nullptr;
-    if (w.quote || hasCr) {
-      // The cell text between quotes, its carriage returns removed.
-      VtqPtr<char> out;
-      if (!out.alloc(len + 3)) return kNoMemory;
-      size_t o = 0;
-      if (w.quote) out[o++] = '"';
-      for (size_t i = 0; i < len; ++i) {
-        if (text[i] != '\r') out[o++] = text[i];
-      }
-      if (w.quote) out[o++] = '"';
-      return o ? Write(ctx, out.get(), o) : kOk;
-    }
-    return len ? Write(ctx, text, len) : kOk;
+    if (quote) out[o++] = '"';
+    cell->length = o;
+    return kOk;
   }
   if (kind <= 2 || (kind >= 11 && kind <= 15)) {
-    const int r = GetSSFormat(ctx, cell.value, kind, cell.style, number, &len);
-    if (r != kOk) return r;
-    return len ? Write(ctx, number, len) : kOk;
+    if (!text.grow(cell->at + kMaxFormatted + 3)) return kNoMemory;
+    size_t len = 0;
+    const int r = GetSSFormat(ctx, node.value, kind, cell->style, reinterpret_cast<char *>(text.data() + cell->at), &len);
+    cell->length = r == kOk ? len : 0;
+    return r;
   }
-  return kFormatError;  // 4, 7 to 10
+  return kFormatError;  // 4, 7 to 10, and beyond 16
 }
 }  // namespace
 
-int PutSSVtqTxt(ConvContext *ctx) {
+int WalkCellRows(ConvContext *ctx, RowConsumer &out) {
   VtqPtr<CellNode *> cursor;
-  VtqPtr<uint8_t> prefix;
-  if (!cursor.alloc(kCursorSlots) || !prefix.alloc(kPrefixSize)) return kNoMemory;
-  const uint32_t flags = ctx->options->flags;
-  const Writer w{ctx, (flags & KLN_FLAG_SEPARATOR) ? char(ctx->options->cellSeparator & 0xFF) : ',',
-                 !(flags & KLN_FLAG_NO_QUOTE), !(flags & KLN_FLAG_NO_FILL), prefix.get()};
-  int result = kOk;
-  if (ctx->docKind == 3 && ctx->dbFieldCount != 0) {
-    result = WriteFieldNames(w);
-    if (result != kOk) return result;
-  }
+  VtqPtr<RowCell> cells;
+  VtqBuffer text;
+  if (!cursor.alloc(kCursorSlots) || !cells.alloc(kCursorSlots) || !text.alloc(256)) return kNoMemory;
+  const bool quote = !(ctx->options->flags & KLN_FLAG_NO_QUOTE);
+  int result = out.start();
+  CellRow row{0, cells.get(), 0, nullptr};
+  size_t used = 0;  // bytes of `text` the row's cells take
+  // Hands the row collected so far to the consumer and starts the next.
+  auto flush = [&] {
+    row.text = text.data();
+    const int r = row.count ? out.row(row) : kOk;
+    row.count = 0;
+    used = 0;
+    return r;
+  };
   CellNode *walker = ctx->cells;
-  int prevRow = -1, prevColumn = -1;
   for (int r = 0; r < ctx->rowCount && result == kOk; ++r) {
     for (int c = 0; c < ctx->colCount && c < kCursorSlots && result == kOk; ++c) {
       CellNode *node = cursor[size_t(c)];
@@ -771,12 +726,15 @@ int PutSSVtqTxt(ConvContext *ctx) {
       }
       if (node->row == r && node->column == c) {
         if (Accepted(ctx, node->kind) && node->present == 1) {
-          CellNode cell = *node;
+          if (node->row != row.number) result = flush();
+          row.number = node->row;
+          RowCell &cell = cells[row.count++];
+          cell = {node->column, node->kind, node->style, kOk, used, 0};
           if (ctx->docKind == 3 && c < ctx->dbFieldCount) cell.style = ctx->dbFields[c].styleNo;
-          result = WrtSSBlank(ctx, cell, prevColumn, prevRow, w);
-          if (result == kOk) result = WrtSSCellData(ctx, cell, w);
-          prevRow = node->row;
-          prevColumn = node->column;
+          if (result == kOk) cell.failed = FormatCell(ctx, *node, quote, text, &cell);
+          used += cell.length;
+          // A failed cell ends the table after the row so far is written.
+          if (result == kOk && cell.failed != kOk) result = flush();
         }
         CellNode *next = node->nextInColumn;
         cursor[size_t(c)] = next && next->present ? next : nullptr;
@@ -786,5 +744,80 @@ int PutSSVtqTxt(ConvContext *ctx) {
       if (r == 0 && walker && walker->nextColumn) walker = walker->nextColumn;
     }
   }
+  return result == kOk ? flush() : result;
+}
+
+DelimitedWriter::DelimitedWriter(ConvContext *ctx)
+    : ctx_(ctx),
+      separator_((ctx->options->flags & KLN_FLAG_SEPARATOR) ? char(ctx->options->cellSeparator & 0xFF) : ','),
+      quote_(!(ctx->options->flags & KLN_FLAG_NO_QUOTE)),
+      fill_(!(ctx->options->flags & KLN_FLAG_NO_FILL)) {}
+
+int DelimitedWriter::start() {
+  if (!prefix_.alloc(kPrefixSize)) return kNoMemory;
+  return ctx_->docKind == 3 && ctx_->dbFieldCount != 0 ? WriteFieldNames() : kOk;
+}
+
+// The database header: the field names, then one line feed.
+int DelimitedWriter::WriteFieldNames() {
+  int result = kOk;
+  for (int i = 0; i < ctx_->dbFieldCount && result == kOk; ++i) {
+    const DbField &f = ctx_->dbFields[i];
+    char open[2];
+    size_t n = 0;
+    if (i > 0) open[n++] = separator_;
+    if (quote_) open[n++] = '"';
+    if (n && Write(ctx_, open, n) != kOk) result = kFormatError;
+    if (result == kOk && (f.nameLen == 0 || !f.name || Write(ctx_, f.name, f.nameLen) != kOk)) result = kFormatError;
+    if (result == kOk && quote_ && Write(ctx_, "\"", 1) != kOk) result = kFormatError;
+  }
+  if (Write(ctx_, "\n", 1) != kOk) result = kFormatError;
   return result;
+}
+
+// Writes the line feeds and separators that precede the cell at (row, column).
+int DelimitedWriter::WrtSSBlank(int row, int column) {
+  uint8_t *buf = prefix_.get();
+  size_t n = 0;
+  if (prevRow_ >= 0 && row > prevRow_) {
+    const int feeds = std::min(row - prevRow_, kMaxLineFeeds);
+    std::memset(buf, '\n', size_t(feeds));
+    n = size_t(feeds);
+  }
+  const bool sameRow = row == prevRow_;
+  int pos = sameRow ? prevColumn_ + 1 : 0;
+  if (fill_ && pos < column) {
+    if (pos > 256) return kFormatError;
+    if (n + 3 <= kPrefixSize - 2) {
+      for (; pos < column; ++pos) {
+        if (pos >= 257) return kFormatError;
+        if (n >= kPrefixSize - 4) break;
+        if (sameRow || pos > 0) buf[n++] = uint8_t(separator_);
+      }
+    }
+  }
+  if (column != 0 && (fill_ || sameRow)) {
+    if (n > kPrefixSize - 2) return kFormatError;
+    buf[n++] = uint8_t(separator_);
+  }
+  if (n == 0) return kOk;
+  return Write(ctx_, buf, n);
+}
+
+int DelimitedWriter::row(const CellRow &row) {
+  for (size_t i = 0; i < row.count; ++i) {
+    const RowCell &cell = row.cells[i];
+    int r = WrtSSBlank(row.number, cell.column);
+    if (r == kOk) r = cell.failed;
+    if (r == kOk && cell.length) r = Write(ctx_, row.text + cell.at, cell.length);
+    prevRow_ = row.number;
+    prevColumn_ = cell.column;
+    if (r != kOk) return r;
+  }
+  return kOk;
+}
+
+int PutSSVtqTxt(ConvContext *ctx) {
+  DelimitedWriter writer(ctx);
+  return WalkCellRows(ctx, writer);
 }

@@ -40,5 +40,62 @@ extern const int8_t monthday[12];
 // for 49 bytes and two quotes); 0 or 3000.
 int GetSSFormat(ConvContext *ctx, double value, uint16_t kind, uint16_t style, char *out, size_t *outLen);
 
+// The format code a number cell of this kind and style is written with
+// (5 to 13 dates, 14 to 17 times); -1 when the document has no cell styles.
+int CellFormatCode(const ConvContext *ctx, uint16_t kind, uint16_t style);
+
+// One cell of a row, formatted as the delimited writer writes it.
+struct RowCell {
+  uint16_t column;
+  uint16_t kind;   // the cell table's kind
+  uint16_t style;  // the style it is formatted with
+  int failed;      // not 0: formatting failed with this code, and the table ends at this cell
+  size_t at;       // its text: CellRow::text[at, at + length), in the document's set,
+  size_t length;   // between quotes when the writer quotes
+};
+
+// The present cells of one table row, in column order.
+struct CellRow {
+  uint16_t number;
+  const RowCell *cells;
+  size_t count;
+  const uint8_t *text;
+};
+
+// Takes a table row by row. Every answer but 0 ends the walk with it.
+class RowConsumer {
+ public:
+  virtual int start() = 0;  // before the first row
+  virtual int row(const CellRow &row) = 0;
+
+ protected:
+  ~RowConsumer() = default;
+};
+
+// Walks the CellTable row by row into `out`: start(), then each row with
+// present cells. Answers 0 or the first failure.
+int WalkCellRows(ConvContext *ctx, RowConsumer &out);
+
+// The delimited text writer: the database's field names as the first
+// line, then the rows, through comm_write.
+class DelimitedWriter final : public RowConsumer {
+ public:
+  explicit DelimitedWriter(ConvContext *ctx);
+  int start() override;
+  int row(const CellRow &row) override;
+
+ private:
+  int WriteFieldNames();
+  int WrtSSBlank(int row, int column);
+
+  ConvContext *ctx_;
+  char separator_;
+  bool quote_;
+  bool fill_;
+  VtqPtr<uint8_t> prefix_;  // the line feeds and separators before a cell
+  int prevRow_ = -1;
+  int prevColumn_ = -1;
+};
+
 // Writes the CellTable as delimited text.
 int PutSSVtqTxt(ConvContext *ctx);

@@ -1,5 +1,6 @@
 #include "wpchange.h"
 
+#include "events.h"
 #include "filecomm.h"
 
 // ==== Word-processing text ====
@@ -235,7 +236,6 @@ int GetWpRtfDSET(ConvContext *ctx) {
 
 namespace {
 constexpr size_t kObjectCountAt = 4, kEntryStrideAt = 10, kEntriesAt = 88;
-constexpr size_t kScratchSize = 8192;
 constexpr uint32_t kOleHeadSize = 28, kOleHeadUnread = 24;
 
 // How an object entry's blocks follow in the data set.
@@ -304,9 +304,11 @@ int ReadOleObject(ConvContext *ctx, uint8_t *scratch, bool *goOn) {
   const uint32_t flags = ctx->options->flags;
   if (ctx->writeState != 0) return kOk;  // output stopped: the object stays unread
   if (flags & KLN_FLAG_OLE_REFUSE) return kOleRefused;
-  if (!(flags & KLN_FLAG_OLE_EXTRACT)) return ReadFilePass(bytes, ctx);
-  const int r = WrtOLEFile(scratch, kScratchSize, bytes, ctx);
-  return r == kOk ? kOk : OleFailure(ctx, r, goOn);
+  const bool extract = (flags & KLN_FLAG_OLE_EXTRACT) != 0;
+  if (!extract && !ReportsObjects(ctx)) return ReadFilePass(bytes, ctx);
+  const int r = WrtOLEFile(bytes, ctx);
+  if (r == kOk || ctx->eventStop != 0) return r;
+  return extract ? OleFailure(ctx, r, goOn) : r;
 }
 
 // Walks the objects' blocks until the entries are used up or the next
@@ -342,27 +344,12 @@ bool MakeTempName(ConvContext *ctx, char *name) {
   return VTQ_ASC_tmpnam(name) != 0;
 }
 
-// Copies the next n input bytes into the file at path.
-int CopyObjectBytes(ConvContext *ctx, const char *path, uint8_t *scratch, size_t scratchSize, int32_t n) {
-  VTQ_FILE *f = VTQ_FileOpen(path, "wb");
-  if (!f) return kFormatError;
-  int result = kOk;
-  for (int32_t left = n; left > 0 && result == kOk;) {
-    const size_t part = size_t(left) < scratchSize ? size_t(left) : scratchSize;
-    if (comm_read(scratch, 1, part, ctx->inFile) != part || VTQ_FileWrite(scratch, 1, part, f) != part)
-      result = kFormatError;
-    left -= static_cast<int32_t>(part);
-  }
-  VTQ_FileClose(f);
-  return result;
-}
-
 // Lets the runtime write the text of the opened object to the output.
 int ExtractOleText(ConvContext *ctx, VTQ_OLE *ole) {
   if (!ctx->oleState) return kFormatError;
   SetOleStateTotal(ctx, ctx->totalOut);
   int code;
-  if (ctx->streamMode == 1) {
+  if (ctx->streamMode != 0) {  // the host's stream, or the events' text
     code = VTQ_GetOleTextStreamWithErrCallback(ole, ctx->outStream, ctx->options, ctx->oleState, ctx->errCallback);
   } else {
     std::memcpy(ctx->oleState, ctx->outPath, kPathSize);
@@ -377,12 +364,21 @@ int ExtractOleText(ConvContext *ctx, VTQ_OLE *ole) {
   if (code == kSizeLimit && (flags & KLN_FLAG_SIZE_LIMIT) && !(flags & KLN_FLAG_OLE_LIMIT_STOPS)) return kOk;
   return code;
 }
-}  // namespace
 
-int WrtOLEFile(uint8_t *scratch, size_t scratchSize, int32_t n, ConvContext *ctx) {
+// Writes the object's bytes into the file at path.
+int WriteObjectFile(const char *path, const VtqBuffer &bytes, size_t n) {
+  VTQ_FILE *f = VTQ_FileOpen(path, "wb");
+  if (!f) return kFormatError;
+  const bool written = n == 0 || VTQ_FileWrite(bytes.data(), 1, n, f) == n;
+  return VTQ_FileClose(f) == 0 && written ? kOk : kFormatError;
+}
+
+// Extracts the text of the object's bytes through a temporary file that is
+// removed before it returns.
+int ExtractObject(ConvContext *ctx, const VtqBuffer &bytes, size_t n) {
   char name[kPathSize];
   if (!MakeTempName(ctx, name)) return kFormatError;
-  int result = CopyObjectBytes(ctx, name, scratch, scratchSize, n);
+  int result = WriteObjectFile(name, bytes, n);
   if (result == kOk) {
     if (!(ctx->flags & kCtxOutputMade)) comm_write(" ", 1, 1, ctx->outFile, ctx);
     VTQ_OLE *ole = VTQ_2OLEopen(name);
@@ -392,10 +388,24 @@ int WrtOLEFile(uint8_t *scratch, size_t scratchSize, int32_t n, ConvContext *ctx
   VTQ_ASC_remove(name);  // the temporary file never outlives the object
   return result;
 }
+}  // namespace
+
+int WrtOLEFile(int32_t n, ConvContext *ctx) {
+  const long position = VTQ_FileTell(ctx->inFile);
+  VtqBuffer bytes;
+  const long got = ReadGrowing(ctx, bytes, 0, static_cast<uint32_t>(n));
+  if (got < 0) return kNoMemory;
+  if (got < n) return kFormatError;  // the document ends inside the object
+  int result = ReportsObjects(ctx) ? EmitObjectStart(ctx, position, bytes.data(), size_t(n)) : kOk;
+  if (result != kOk) return result;
+  if (ctx->options->flags & KLN_FLAG_OLE_EXTRACT) result = ExtractObject(ctx, bytes, size_t(n));
+  const int stop = ReportsObjects(ctx) && ctx->eventStop == 0 ? EmitObjectEnd(ctx, result) : kOk;
+  return stop != kOk ? stop : result;
+}
 
 int GetWpGrphDSET(ConvContext *ctx, const uint8_t *record, size_t recordSize) {
   VtqPtr<uint8_t> scratch, small;
-  if (!scratch.alloc(kScratchSize) || !small.alloc(10)) return kNoMemory;
+  if (!scratch.alloc(kOleHeadSize) || !small.alloc(10)) return kNoMemory;
   // Entries beyond the end of a short record read as zero: no mark.
   const ByteView rec(record, recordSize);
   const uint16_t objectCount = rec.u16(kObjectCountAt);

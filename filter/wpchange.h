@@ -10,10 +10,11 @@ int GetWpRtfDSET(ConvContext *ctx);
 // is the data set's header record (its length word first).
 // Answers 0 (the walk skips the rest), 0x9700 or an error code.
 int GetWpGrphDSET(ConvContext *ctx, const uint8_t *record, size_t recordSize);
-// Extracts the text of the OLE object whose n bytes are next in the input
-// into the output, through a temporary file that is removed before it
-// returns. scratch holds scratchSize bytes. Answers 0, 3000 or the
-// runtime's error code.
-int WrtOLEFile(uint8_t *scratch, size_t scratchSize, int32_t n, ConvContext *ctx);
+// Reads the OLE object whose n bytes are next in the input, reports it to
+// the host in events mode, and extracts its text into the output when the
+// caller asks for that, through a temporary file that is removed before it
+// returns. Answers 0, 12, 3000, the runtime's error code or the host's
+// stop code.
+int WrtOLEFile(int32_t n, ConvContext *ctx);
 // A reader no data-set kind leads to; reads nothing.
 int GetWptblDSET();

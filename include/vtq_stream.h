@@ -27,6 +27,15 @@ VTQ_RT_API VTQ_STREAM *VTQ_StreamCreate(VTQ_StreamWriteFn fn, void *user);
 /* A stream that writes to fp (not closed by VTQ_StreamDestroy). */
 VTQ_RT_API VTQ_STREAM *VTQ_StreamCreateFile(FILE *fp);
 
+/* A stream that collects every write into one growing buffer of its own,
+ * so a host needs no callback per write. Null when out of memory. */
+VTQ_RT_API VTQ_STREAM *VTQ_StreamCreateBuffer(void);
+
+/* The bytes a buffer stream has collected so far (owned by the stream,
+ * valid until the next write or destroy), their count in *length. Null
+ * with *length 0 before the first byte and for a stream of another kind. */
+VTQ_RT_API const void *VTQ_StreamBufferData(VTQ_STREAM *stream, size_t *length);
+
 VTQ_RT_API void VTQ_StreamDestroy(VTQ_STREAM *stream);
 
 /* Writes len bytes; answers len, or -1 when the callback took fewer. */

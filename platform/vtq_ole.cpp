@@ -3,9 +3,10 @@
 // An embedded object reaches the runtime as a compound file of its own.
 // Its text is found in one of two places: an "\x01Ole10Native" stream, the
 // package that wraps a file dropped into a document, or a "CONTENTS"
-// stream. A packaged KLN document is converted by the filter itself, loaded
-// by name as the runtime loads any filter; a packaged or CONTENTS text is
-// converted here with the same choices as the filter's own output.
+// stream. A packaged KLN document is converted by the filter itself, from
+// memory, loaded by name as the runtime loads any filter; a packaged or
+// CONTENTS text is converted here with the same choices as the filter's
+// own output.
 //
 // These are the runtime's own allocations: they use the C allocator and
 // are not seen by the filter allocator's failure hook.
@@ -199,7 +200,8 @@ int WriteText(const Sink &sink, const uint8_t *text, size_t len) {
 
 // ---- A KLN document inside the object ----
 
-typedef int (*GetTextStreamFn)(const char *, VTQ_STREAM *, const FilterOptions *, const KlnCharsetInfo *, void *);
+typedef int (*GetTextStreamFn)(const void *, size_t, VTQ_STREAM *, const FilterOptions *, const KlnCharsetInfo *,
+                               void *);
 
 struct NestedOut {
   const Sink *sink;
@@ -232,30 +234,15 @@ void NestedOptions(const Sink &sink, FilterOptions *inner) {
   }
 }
 
-// Writes data to a new temporary file beside the output when the caller
-// asks for that and the output is a file, else in the temporary directory.
-// Nothing is left behind when it fails.
-bool WriteTempFile(const Sink &sink, const uint8_t *data, size_t len, char *name) {
-  const bool beside = !sink.stream && (sink.options->tempFlags & KLN_TEMP_BESIDE_OUTPUT);
-  if (!(beside ? VTQ_ASC_tmpnam1(reinterpret_cast<const char *>(sink.state), name) : VTQ_ASC_tmpnam(name)))
-    return false;
-  FILE *f = std::fopen(name, "wb");
-  bool ok = f && std::fwrite(data, 1, len, f) == len;
-  if (f && std::fclose(f) != 0) ok = false;
-  if (!ok) VTQ_ASC_remove(name);
-  return ok;
-}
-
+// The inner document is handed to the filter from memory: it needs no
+// temporary file of its own.
 int WriteKln(const Sink &sink, const uint8_t *data, size_t len) {
   if (t_nesting >= kMaxNesting) return KLN_ERR_OLE_TOO_DEEP;
   void *lib = dlopen("libvtq_txkln.so.5", RTLD_NOW | RTLD_LOCAL);
   if (!lib) return KLN_ERR_OLE_UNSUPPORTED;
-  auto fn = reinterpret_cast<GetTextStreamFn>(dlsym(lib, "GetTextStreamWithErrCallback"));
-  char name[KLN_MAX_PATH];
-  int result = kFormatError;
-  if (!fn) {
-    result = KLN_ERR_OLE_UNSUPPORTED;
-  } else if (WriteTempFile(sink, data, len, name)) {
+  auto fn = reinterpret_cast<GetTextStreamFn>(dlsym(lib, "GetTextStreamFromMemoryWithErrCallback"));
+  int result = KLN_ERR_OLE_UNSUPPORTED;
+  if (fn) {
     NestedOut out{&sink, 0};
     VTQ_STREAM *stream = VTQ_StreamCreate(WriteNested, &out);
     FilterOptions inner;
@@ -263,10 +250,9 @@ int WriteKln(const Sink &sink, const uint8_t *data, size_t len) {
     KlnCharsetInfo charset{};
     charset.charsetCode = KLN_CHARSET_WINDOWS31J;
     ++t_nesting;
-    result = stream ? fn(name, stream, &inner, &charset, sink.errCallback) : KLN_ERR_NOMEM;
+    result = stream ? fn(data, len, stream, &inner, &charset, sink.errCallback) : KLN_ERR_NOMEM;
     --t_nesting;
     VTQ_StreamDestroy(stream);
-    VTQ_ASC_remove(name);
     const uint64_t total = sink.total() + out.written;
     if (result == kSizeLimit) {
       // The inner filter stopped past the allowance: so does the total.

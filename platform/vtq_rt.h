@@ -18,10 +18,16 @@ extern "C" {
 /* ---- Files: buffered, so one-byte reads cost a buffer access. ---- */
 typedef struct VTQ_FILE VTQ_FILE;
 VTQ_RT_API VTQ_FILE *VTQ_FileOpen(const char *path, const char *mode);
+/* A read-only file over data[0..size), which it never writes and never
+ * reads past; it behaves as a file of those bytes (a seek beyond the end
+ * succeeds and the next read gets nothing). Null when out of memory. */
+VTQ_RT_API VTQ_FILE *VTQ_FileOpenMemory(const void *data, size_t size);
 VTQ_RT_API size_t VTQ_FileRead(void *buf, size_t size, size_t count, VTQ_FILE *f);
 VTQ_RT_API size_t VTQ_FileWrite(const void *buf, size_t size, size_t count, VTQ_FILE *f);
 /* whence: 0 from the start, 1 from the current position, 2 from the end. */
 VTQ_RT_API int VTQ_FileSeek(VTQ_FILE *f, long offset, int whence);
+/* The reading position, or -1. */
+VTQ_RT_API long VTQ_FileTell(VTQ_FILE *f);
 VTQ_RT_API int VTQ_FileClose(VTQ_FILE *f);
 VTQ_RT_API int VTQ_ASC_remove(const char *path);
 

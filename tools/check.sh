@@ -2,6 +2,8 @@
 # Builds the project twice and runs every test in both builds:
 #   build-check      g++, warnings are errors
 #   build-sanitize   clang with AddressSanitizer and UndefinedBehaviorSanitizer
+# then installs the Python package into a new virtual environment and runs its
+# tests against the documents of build-check.
 set -e
 cd "$(dirname "$0")/.."
 JOBS=${JOBS:-2}
@@ -16,6 +18,17 @@ cmake -S . -B build-sanitize -DCMAKE_BUILD_TYPE=Debug -DKLN_WERROR=ON -DKLN_SANI
 cmake --build build-sanitize -j "$JOBS"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --test-dir build-sanitize --output-on-failure -j "$JOBS"
+
+# ---- Python package: a fresh virtual environment, `pip install ./python` (which
+# builds the libraries and kln2txt once more), then pytest on the samples, the
+# corpus and a big generated document.
+PYDIR=build-check/python
+rm -rf "$PYDIR"
+python3 -m venv "$PYDIR/venv"
+CMAKE_BUILD_PARALLEL_LEVEL="$JOBS" "$PYDIR/venv/bin/pip" install --quiet ./python pytest
+build-check/fuzz/make_seeds "$PYDIR/corpus" >/dev/null
+KLN_SAMPLES_DIR=build-check/samples KLN_CORPUS_DIR="$PYDIR/corpus" KLN_MAKE_SAMPLES=build-check/tools/make_samples \
+  "$PYDIR/venv/bin/python" -m pytest -q -p no:cacheprovider python/tests
 
 # ---- Tika parser (java/): the jar, its unit tests and an integration test in
 # tika-server-standard, run against the kln2txt and the samples of the g++ build.

@@ -33,13 +33,15 @@ class Properties:
 
     def to_dict(self) -> Dict[str, str]:
         """The properties under the names kln2txt uses: title, …, class, version."""
-        return dict(zip(PROPERTY_NAMES, (self.title, self.author, self.keywords, self.description, self.class_, self.version)))
+        values = (self.title, self.author, self.keywords, self.description, self.class_, self.version)
+        return dict(zip(PROPERTY_NAMES, values))
 
 
 @dataclass
 class Table:
     """A sheet or database table: ``kind`` "sheet" or "database"; ``columns`` the
-    column letters (sheet) or field names (database); ``rows`` the cell texts."""
+    column letters (sheet) or field names (database); ``rows`` the cell texts as
+    the text output writes them (a row it leaves empty is an empty list)."""
 
     number: int
     kind: str
@@ -136,8 +138,7 @@ class _Input:
     def __init__(self, source: Source) -> None:
         self.name: Optional[str] = None
         self.path: Optional[bytes] = None
-        self._fd = -1
-        data: Any = None
+        self.data: Any = None
         if isinstance(source, (str, os.PathLike)):
             path = os.fsencode(source)
             self.name = os.fsdecode(path)
@@ -145,61 +146,62 @@ class _Input:
                 self.path = path
             else:  # the filter takes shorter paths only
                 with open(path, "rb") as f:
-                    data = f.read()
+                    self._hold(f.read())
         elif isinstance(source, (bytes, bytearray, memoryview)):
-            data = source
+            self._hold(source)
         elif hasattr(source, "read"):
             data = source.read()
-            self.name = getattr(source, "name", None) if isinstance(getattr(source, "name", None), str) else None
+            name = getattr(source, "name", None)
+            self.name = name if isinstance(name, str) else None
             if not isinstance(data, (bytes, bytearray)):
                 raise TypeError("a file object must be opened in binary mode")
+            self._hold(data)
         else:
             raise TypeError(f"a path, bytes or a binary file object, not {type(source).__name__}")
-        if data is not None:
-            self._hold(data)
 
     def _hold(self, data: Any) -> None:
-        # Without memory entry points in the filter the bytes go into an
-        # anonymous memory file, read by its /proc name: nothing on disk.
-        self._fd = os.memfd_create("kln", os.MFD_CLOEXEC)
-        with open(self._fd, "wb", closefd=False) as f:
-            f.write(data)
-        self.path = f"/proc/self/fd/{self._fd}".encode()
-
-    def close(self) -> None:
-        if self._fd >= 0:
-            os.close(self._fd)
-            self._fd = -1
-
-    def __enter__(self) -> "_Input":
-        return self
-
-    def __exit__(self, *exc: object) -> None:
-        self.close()
+        """Keeps the bytes and a pointer the filter reads them through (no copy
+        of bytes or of a writable buffer)."""
+        view = memoryview(data).cast("B")
+        self.size = len(view)
+        if isinstance(data, bytes) or view.readonly:
+            self.data = data if isinstance(data, bytes) else bytes(view)
+            self.pointer: Any = self.data
+        else:
+            self.data = view
+            self.pointer = (ctypes.c_char * self.size).from_buffer(view)
 
     def properties(self, opt: Any, charset: Any, codec: str) -> Properties:
         record = ctypes.create_string_buffer(_ffi.PROPERTY_RECORD_SIZE)
         try:
-            _ffi.GetProperty(self.path, opt, record, charset)
+            if self.path is not None:
+                _ffi.GetProperty(self.path, opt, record, charset)
+            else:
+                _ffi.GetPropertyFromMemory(self.pointer, self.size, opt, record, charset)
         except KlnError as e:
-            openable = self._fd >= 0 or os.access(self.path or b"", os.R_OK)
+            openable = self.path is None or os.access(self.path, os.R_OK)
             raise error_for(e.code if openable else CANNOT_OPEN, self.name, header_readable=False) from None
         raw = record.raw
         ends = [offset for _, offset in _ffi.PROPERTY_OFFSETS[1:]] + [len(raw)]
-        values = (raw[at:end].split(b"\0", 1)[0].decode(codec, "replace") for (_, at), end in zip(_ffi.PROPERTY_OFFSETS, ends))
-        return Properties(*values)
+        fields = zip(_ffi.PROPERTY_OFFSETS, ends)
+        return Properties(*(raw[at:end].split(b"\0", 1)[0].decode(codec, "replace") for (_, at), end in fields))
 
     def text(self, stream: int, opt: Any, charset: Any) -> int:
-        return _ffi.GetTextStream(self.path, stream, opt, charset, None)
+        if self.path is not None:
+            return _ffi.GetTextStream(self.path, stream, opt, charset, None)
+        return _ffi.GetTextStreamFromMemory(self.pointer, self.size, stream, opt, charset, None)
 
     def events(self, handlers: Any, opt: Any, charset: Any) -> int:
-        if _ffi.GetEvents is None:
+        if not _ffi.HAS_EVENTS:
             raise KlnError(-1, "this filter has no structure events", self.name)
-        return _ffi.GetEvents(self.path, ctypes.byref(handlers), None, opt, charset, None)
+        if self.path is not None:
+            return _ffi.GetEvents(self.path, ctypes.byref(handlers), None, opt, charset, None)
+        return _ffi.GetEventsFromMemory(self.pointer, self.size, ctypes.byref(handlers), None, opt, charset, None)
 
 
-def _collect_events(doc: _Input, opt: Any, charset: Any, codec: str) -> List[Event]:
-    """The document's structure events, in document order."""
+def _collect_events(doc: _Input, opt: Any, charset: Any, codec: str, tables_only: bool = False) -> List[Event]:
+    """The document's structure events in document order (with `tables_only`,
+    no text and object events: no Python code runs per text run)."""
     events: List[Event] = []
     add = events.append
 
@@ -223,14 +225,22 @@ def _collect_events(doc: _Input, opt: Any, charset: Any, codec: str) -> List[Eve
         add(ObjectStartEvent(o.number, o.position, ctypes.string_at(o.data, o.size)))
         return 0
 
+    def object_end(_: Any, number: int, code: int) -> int:
+        add(ObjectEndEvent(number, code))
+        return 0
+
+    def table_end(_: Any, number: int) -> int:
+        add(TableEndEvent(number))
+        return 0
+
     handlers = _ffi.EventHandlers(
         ctypes.sizeof(_ffi.EventHandlers),
-        _ffi.TextFn(text),
+        _ffi.TextFn() if tables_only else _ffi.TextFn(text),
         _ffi.TableStartFn(table_start),
         _ffi.RowFn(row),
-        _ffi.TableEndFn(lambda _, number: add(TableEndEvent(number)) or 0),
-        _ffi.ObjectStartFn(object_start),
-        _ffi.ObjectEndFn(lambda _, number, code: add(ObjectEndEvent(number, code)) or 0),
+        _ffi.TableEndFn(table_end),
+        _ffi.ObjectStartFn() if tables_only else _ffi.ObjectStartFn(object_start),
+        _ffi.ObjectEndFn() if tables_only else _ffi.ObjectEndFn(object_end),
     )
     doc.events(handlers, opt, charset)
     return events
@@ -244,7 +254,9 @@ def tables_of(events: List[Event]) -> List[Table]:
             columns = e.field_names if e.kind == "database" else column_letters(e.column_count)
             tables.append(Table(e.number, e.kind, columns))
         elif isinstance(e, RowEvent) and tables:
-            tables[-1].rows.append(e.cells)
+            rows = tables[-1].rows
+            rows.extend([] for _ in range(len(rows), e.row))  # rows the writer leaves empty
+            rows.append(e.cells)
     return tables
 
 
@@ -274,18 +286,20 @@ def extract(
     """
     opt, charset = _ffi.options(encoding, line_ends, ole, max_bytes, latin1, separator, quote, fill, ole_continue)
     codec = _codec(encoding)
-    with _Input(source) as doc:
+    doc = _Input(source)
+    try:
+        props: Optional[Properties] = doc.properties(opt, charset, codec)
+    except KlnError:
+        props = None
+    with _ffi.TextBuffer() as buffer:
         try:
-            props: Optional[Properties] = doc.properties(opt, charset, codec)
-        except KlnError:
-            props = None
-        with _ffi.TextBuffer() as buffer:
-            try:
-                code = doc.text(buffer.stream, opt, charset)
-            except KlnError as e:
-                raise error_for(e.code, doc.name, header_readable=props is not None) from None
-            text = buffer.take().decode(codec)
-        found = tables_of(_collect_events(doc, opt, charset, codec)) if tables and code != NO_TEXT and _ffi.GetEvents else []
+            code = doc.text(buffer.stream, opt, charset)
+        except KlnError as e:
+            raise error_for(e.code, doc.name, header_readable=props is not None) from None
+        text = buffer.take().decode(codec)
+    found = []
+    if tables and code != NO_TEXT and _ffi.HAS_EVENTS:
+        found = tables_of(_collect_events(doc, opt, charset, codec, tables_only=True))
     return Document(text, props, found, code == SIZE_LIMIT, code)
 
 
@@ -293,8 +307,7 @@ def properties(source: Source, *, encoding: str = "UTF-8", latin1: bool = False)
     """The title, author, keywords, description, class and version of a document
     (NotKlnError when its header cannot be read)."""
     opt, charset = _ffi.options(encoding, "lf", "extract", None, latin1, ",", True, True, False)
-    with _Input(source) as doc:
-        return doc.properties(opt, charset, _codec(encoding))
+    return _Input(source).properties(opt, charset, _codec(encoding))
 
 
 def iter_events(
@@ -303,9 +316,8 @@ def iter_events(
     """The document's structure in document order: text runs, tables (start, rows,
     end) and embedded objects (start with their bytes, end with their result)."""
     opt, charset = _ffi.options(encoding, line_ends, ole, None, latin1, ",", True, True, False)
-    with _Input(source) as doc:
-        try:
-            events = _collect_events(doc, opt, charset, _codec(encoding))
-        except KlnError as e:
-            raise error_for(e.code, doc.name) from None
-    return iter(events)
+    doc = _Input(source)
+    try:
+        return iter(_collect_events(doc, opt, charset, _codec(encoding)))
+    except KlnError as e:
+        raise error_for(e.code, doc.name) from None

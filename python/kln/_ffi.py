@@ -136,29 +136,22 @@ def _not_null(pointer: Optional[int], func: Any, args: Any) -> int:
 
 
 def _declare(lib: ctypes.CDLL, name: str, restype: Any, argtypes: list, errcheck: Any = None) -> Any:
-    """The function `name` of lib with its prototype; None when lib lacks it."""
-    func = getattr(lib, name, None)
-    if func is not None:
-        func.restype, func.argtypes = restype, argtypes
-        if errcheck is not None:
-            func.errcheck = errcheck
+    func = getattr(lib, name)
+    func.restype, func.argtypes = restype, argtypes
+    if errcheck is not None:
+        func.errcheck = errcheck
     return func
 
 
 _OPT, _CS = POINTER(FilterOptions), POINTER(CharsetInfo)
 _HANDLERS = POINTER(EventHandlers)
 
-StreamCreateFile = _declare(rt, "VTQ_StreamCreateFile", c_void_p, [c_void_p], _not_null)
 StreamDestroy = _declare(rt, "VTQ_StreamDestroy", None, [c_void_p])
 StreamCreateBuffer = _declare(rt, "VTQ_StreamCreateBuffer", c_void_p, [], _not_null)
 StreamBufferData = _declare(rt, "VTQ_StreamBufferData", c_void_p, [c_void_p, POINTER(c_size_t)])
 
 GetTextStream = _declare(
     txkln, "GetTextStreamWithErrCallback", c_int, [c_char_p, c_void_p, _OPT, _CS, c_void_p], _conversion
-)
-GetProperty = _declare(txkln, "GetProperty", c_int, [c_char_p, _OPT, c_void_p, _CS], _zero)
-GetEvents = _declare(
-    txkln, "GetEventsWithErrCallback", c_int, [c_char_p, _HANDLERS, c_void_p, _OPT, _CS, c_void_p], _conversion
 )
 GetTextStreamFromMemory = _declare(
     txkln,
@@ -167,57 +160,43 @@ GetTextStreamFromMemory = _declare(
     [c_void_p, c_size_t, c_void_p, _OPT, _CS, c_void_p],
     _conversion,
 )
+GetProperty = _declare(txkln, "GetProperty", c_int, [c_char_p, _OPT, c_void_p, _CS], _zero)
 GetPropertyFromMemory = _declare(
     txkln, "GetPropertyFromMemory", c_int, [c_void_p, c_size_t, _OPT, c_void_p, _CS], _zero
 )
-GetEventsFromMemory = _declare(
-    txkln,
-    "GetEventsFromMemoryWithErrCallback",
-    c_int,
-    [c_void_p, c_size_t, _HANDLERS, c_void_p, _OPT, _CS, c_void_p],
-    _conversion,
-)
 
-# Until the runtime has a buffer stream of its own, the C library's memory
-# stream collects the text: either way no Python code runs per write.
-_libc = ctypes.CDLL(None)
-open_memstream = _declare(_libc, "open_memstream", c_void_p, [POINTER(c_void_p), POINTER(c_size_t)], _not_null)
-fclose = _declare(_libc, "fclose", c_int, [c_void_p])
-free = _declare(_libc, "free", None, [c_void_p])
+# The structure events, where the filter has them (None otherwise).
+HAS_EVENTS = hasattr(txkln, "GetEventsWithErrCallback")
+GetEvents = GetEventsFromMemory = None
+if HAS_EVENTS:
+    GetEvents = _declare(
+        txkln, "GetEventsWithErrCallback", c_int, [c_char_p, _HANDLERS, c_void_p, _OPT, _CS, c_void_p], _conversion
+    )
+    GetEventsFromMemory = _declare(
+        txkln,
+        "GetEventsFromMemoryWithErrCallback",
+        c_int,
+        [c_void_p, c_size_t, _HANDLERS, c_void_p, _OPT, _CS, c_void_p],
+        _conversion,
+    )
 
 
 class TextBuffer:
-    """A stream that collects the text in one growing buffer on the C side."""
+    """A stream that collects the text in one growing buffer on the C side, so no
+    Python code runs per write."""
 
     def __enter__(self) -> "TextBuffer":
-        self._data, self._size = c_void_p(), c_size_t()
-        self._file = None
-        if StreamCreateBuffer is not None:
-            self.stream = StreamCreateBuffer()
-        else:
-            self._file = open_memstream(ctypes.byref(self._data), ctypes.byref(self._size))
-            try:
-                self.stream = StreamCreateFile(self._file)
-            except MemoryError:
-                fclose(self._file)
-                raise
+        self.stream = StreamCreateBuffer()
         return self
 
     def take(self) -> bytes:
-        """The bytes written so far; call once, at the end."""
-        if self._file is None:
-            data = StreamBufferData(self.stream, ctypes.byref(self._size))
-            return ctypes.string_at(data, self._size.value) if self._size.value else b""
-        fclose(self._file)  # sets data and size
-        self._file = None
-        return ctypes.string_at(self._data, self._size.value)
+        """The bytes written so far."""
+        length = c_size_t()
+        data = StreamBufferData(self.stream, ctypes.byref(length))
+        return ctypes.string_at(data, length.value) if length.value else b""
 
     def __exit__(self, *exc: object) -> None:
         StreamDestroy(self.stream)
-        if self._file is not None:
-            fclose(self._file)
-        if self._data:
-            free(self._data)
 
 
 def options(

@@ -41,6 +41,7 @@ class Result:
     index: int
     document: Optional[Document] = None
     error: Optional[KlnError] = None
+    status: str = "ok"  # the worker's status word, or the WorkerError's kind
 
     @property
     def ok(self) -> bool:
@@ -48,22 +49,10 @@ class Result:
 
     @property
     def kind(self) -> str:
-        """"ok", "crashed", "timeout", "lost", or the class of the filter's failure
-        ("not_kln", "damaged", "embedded_object", "no_memory", "cannot_open", "error")."""
-        if self.error is None:
-            return "ok"
-        if isinstance(self.error, WorkerError):
-            return self.error.kind
-        return _KINDS.get(type(self.error).__name__, "error")
-
-
-_KINDS = {
-    "NotKlnError": "not_kln",
-    "DamagedError": "damaged",
-    "EmbeddedObjectError": "embedded_object",
-    "OutOfMemoryError": "no_memory",
-    "CannotOpenError": "cannot_open",
-}
+        """"ok"; "crashed", "timeout" or "lost" for a worker that did not answer;
+        else the worker's status ("not_kln", "damaged", "refused", "object_failed",
+        "no_memory", "cannot_open", "error", "bad_request")."""
+        return "ok" if self.error is None else self.status
 
 
 class _Task:
@@ -106,12 +95,19 @@ class _Worker:
         return line
 
     def kill(self) -> None:
-        try:
-            os.killpg(self.proc.pid, signal.SIGKILL)
-        except ProcessLookupError:
-            pass
-        self.proc.wait()
-        self._close_pipes()
+        """Kills the worker's process group unless the worker was reaped already
+        (its number may be another process's by now)."""
+        if self.proc.returncode is None:
+            try:
+                os.killpg(self.proc.pid, signal.SIGKILL)
+            except ProcessLookupError:
+                pass
+            self.proc.wait()
+        for pipe in (self.proc.stdin, self.proc.stdout):
+            try:
+                pipe.close()  # type: ignore[union-attr]
+            except OSError:
+                pass
 
     def retire(self) -> None:
         """Ends the worker at the end of its input; kills it if it does not go."""
@@ -126,19 +122,12 @@ class _Worker:
         self.kill()
 
     def death(self, task: _Task) -> WorkerError:
+        """Reaps a worker that ended by itself; tells how."""
         status = self.proc.wait()
-        self._close_pipes()
         if status < 0:
             sig = -status
             return WorkerError("crashed", f"worker crashed (signal {sig}, {signal.strsignal(sig)})", task.name, sig)
         return WorkerError("lost", f"worker ended with status {status}", task.name)
-
-    def _close_pipes(self) -> None:
-        for pipe in (self.proc.stdin, self.proc.stdout):
-            try:
-                pipe.close()  # type: ignore[union-attr]
-            except OSError:
-                pass
 
 
 _live_pools: "weakref.WeakSet[Pool]" = weakref.WeakSet()
@@ -170,8 +159,8 @@ class Pool:
         executable: Optional[str] = None,
         **options: Any,
     ) -> None:
-        if max_tasks_per_worker is not None and max_tasks_per_worker < 1:
-            raise ValueError("max_tasks_per_worker is at least 1")
+        if (workers is not None and workers < 1) or (max_tasks_per_worker is not None and max_tasks_per_worker < 1):
+            raise ValueError("workers and max_tasks_per_worker are at least 1")
         self._argv = [executable or kln2txt_path(), "--serve"]
         self._timeout = timeout
         self._max_tasks = max_tasks_per_worker
@@ -250,7 +239,8 @@ class Pool:
                 busy[worker.fd] = worker
                 selector.register(worker.fd, selectors.EVENT_READ)
             else:
-                lost.append(Result(task.source, task.index, error=worker.death(task)))
+                lost.append(self._failure(task, worker.death(task)))
+                worker.kill()
                 self._spawn()
         return lost
 
@@ -267,34 +257,33 @@ class Pool:
             task = worker.task
             assert task is not None
             if line is None:
-                results.append(Result(task.source, task.index, error=worker.death(task)))
-                self._replace(worker, busy, selector, new=True)
+                results.append(self._failure(task, worker.death(task)))
+                self._release(worker, busy, selector, worker.kill)
             else:
                 results.append(self._result(task, line))
                 worker.served += 1
-                self._replace(worker, busy, selector, new=bool(self._max_tasks and worker.served >= self._max_tasks))
+                used_up = self._max_tasks and worker.served >= self._max_tasks
+                self._release(worker, busy, selector, worker.retire if used_up else None)
         now = time.monotonic()
         for worker in [w for w in busy.values() if w.task and w.task.deadline and w.task.deadline <= now]:
             task = worker.task
             assert task is not None
-            worker.kill()
+            self._release(worker, busy, selector, worker.kill)
             message = f"timed out after {self._timeout:g} s"
-            results.append(Result(task.source, task.index, error=WorkerError("timeout", message, task.name)))
-            self._replace(worker, busy, selector, new=True, dead=True)
+            results.append(self._failure(task, WorkerError("timeout", message, task.name)))
         return results
 
-    def _replace(self, worker: _Worker, busy: Dict[int, _Worker], selector: Any, new: bool, dead: bool = False) -> None:
-        """Takes a worker off the busy list: back to the idle ones, or ended and
-        replaced by a new one."""
+    def _release(self, worker: _Worker, busy: Dict[int, _Worker], selector: Any, end: Any = None) -> None:
+        """Takes a worker off the busy list: back to the idle ones, or ended by
+        `end` (its kill or retire) and replaced by a new one."""
         selector.unregister(worker.fd)
         del busy[worker.fd]
         worker.task = None
-        if not new:
+        if end is None:
             self._idle.append(worker)
-            return
-        if not dead:
-            worker.retire()
-        self._spawn()
+        else:
+            end()
+            self._spawn()
 
     def _request(self, task: _Task) -> bytes:
         source = task.source
@@ -310,6 +299,10 @@ class Pool:
             request["data"] = base64.b64encode(data).decode("ascii")
         return json.dumps(request, ensure_ascii=False).encode("utf-8", "surrogateescape") + b"\n"
 
+    @staticmethod
+    def _failure(task: _Task, error: WorkerError) -> Result:
+        return Result(task.source, task.index, error=error, status=error.kind)
+
     def _result(self, task: _Task, line: bytes) -> Result:
         answer = json.loads(line)
         code = answer["code"]
@@ -323,8 +316,10 @@ class Pool:
                 bool(answer.get("truncated")),
                 code,
             )
-            return Result(task.source, task.index, document=document)
+            return Result(task.source, task.index, document=document, status=answer["status"])
+        status = answer["status"]
         if code < 0:
-            return Result(task.source, task.index, error=KlnError(code, answer.get("message", ""), task.name))
-        error = error_for(code, task.name, header_readable=answer.get("status") != "not_kln")
-        return Result(task.source, task.index, error=error)
+            error = KlnError(code, answer.get("message", ""), task.name)
+        else:
+            error = error_for(code, task.name, header_readable=status != "not_kln")
+        return Result(task.source, task.index, error=error, status=status)

@@ -1,0 +1,26 @@
+// Structure events: the document handed to the host's handlers in
+// document order (streamMode 2, ctx->events set).
+#pragma once
+
+#include "klnmain.h"
+
+// Whether the host takes embedded objects as events.
+inline bool ReportsObjects(const ConvContext *ctx) {
+  return ctx->events && (ctx->events->objectStart || ctx->events->objectEnd);
+}
+
+// Hands n bytes of converted text to the host's text handler; passes them
+// over while text is only counted. false when the host stops the
+// conversion (its code is kept in ctx->eventStop).
+bool EmitText(ConvContext *ctx, const uint8_t *text, size_t n);
+
+// The start of the next embedded object (numbered from 1) with its stored
+// bytes, found at `position` of the document, and its end with the
+// extraction's result. 0 or the host's stop code.
+int EmitObjectStart(ConvContext *ctx, int64_t position, const uint8_t *data, size_t size);
+int EmitObjectEnd(ConvContext *ctx, int32_t result);
+
+// The CellTable as table events; its delimited text is written alongside,
+// only counted, so that the size limit and the result codes are those of
+// the text output.
+int PutTableEvents(ConvContext *ctx);
