@@ -91,8 +91,18 @@ final class KlnContent {
         xhtml.endElement("tr");
     }
 
-    /** Hands the object's stored bytes to Tika, which parses them with its own parsers. */
+    /**
+     * Hands the object's stored bytes to Tika as an embedded document of its own, then writes the
+     * text kln2txt read from the object where the object stands: Tika's parsers find no text in
+     * these packaged objects, and the text is part of what the page shows.
+     */
     private static void object(JsonNode block, EmbeddedDocumentExtractor extractor, XHTMLContentHandler xhtml)
+            throws SAXException, IOException {
+        embed(block, extractor, xhtml);
+        paragraphs(block.path("text").asText(), xhtml);
+    }
+
+    private static void embed(JsonNode block, EmbeddedDocumentExtractor extractor, XHTMLContentHandler xhtml)
             throws SAXException, IOException {
         byte[] bytes = Base64.getDecoder().decode(block.path("data").asText());
         Metadata metadata = new Metadata();
