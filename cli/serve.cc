@@ -27,6 +27,7 @@ int DigitValue(char c, std::string_view digits, std::string_view alternative = {
 // One value of a request. Objects and arrays keep their members in order;
 // `raw` is the value's own text, so an "id" goes back exactly as it came.
 struct Json {
+  Json() {}  // not an aggregate, whose members clang would want complete inside this definition
   enum Type : uint8_t { kNull, kBool, kNumber, kString, kArray, kObject } type = kNull;
   bool boolean = false;
   double number = 0;
