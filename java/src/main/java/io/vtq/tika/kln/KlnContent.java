@@ -49,14 +49,9 @@ final class KlnContent {
     /** The document body in document order: paragraphs, tables and embedded objects. */
     static void body(JsonNode answer, XHTMLContentHandler xhtml, ParseContext context)
             throws SAXException, IOException {
-        JsonNode blocks = answer.path("blocks");
-        if (blocks.isMissingNode()) {
-            paragraphs(answer.path("text").asText(), xhtml);
-            return;
-        }
         JsonNode tables = answer.path("tables");
         EmbeddedDocumentExtractor extractor = null;
-        for (JsonNode block : blocks) {
+        for (JsonNode block : answer.path("blocks")) {
             switch (block.path("type").asText()) {
                 case "text" -> paragraphs(block.path("text").asText(), xhtml);
                 case "table" -> table(tables.path(block.path("table").asInt() - 1), xhtml);

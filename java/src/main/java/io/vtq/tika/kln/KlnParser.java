@@ -8,7 +8,6 @@ import java.io.File;
 import java.io.IOException;
 import java.io.InputStream;
 import java.util.Base64;
-import java.util.List;
 import java.util.Set;
 
 import org.apache.tika.config.Field;
@@ -42,7 +41,6 @@ public class KlnParser implements Parser, Closeable {
     private long timeoutMillis = 120_000;
     private boolean refuseObjects;
     private transient ServePool pool;
-    private volatile boolean structured = true;
 
     @Field
     public void setKln2txtPath(String path) {
@@ -76,7 +74,7 @@ public class KlnParser implements Parser, Closeable {
     @Override
     public void parse(InputStream stream, ContentHandler handler, Metadata metadata, ParseContext context)
             throws IOException, SAXException, TikaException {
-        JsonNode answer = convert(request(stream, metadata));
+        JsonNode answer = pool().call(request(stream, metadata));
         metadata.set(Metadata.CONTENT_TYPE, KLN.toString());
         KlnContent.properties(answer, metadata);
         XHTMLContentHandler xhtml = new XHTMLContentHandler(handler, metadata);
@@ -112,32 +110,12 @@ public class KlnParser implements Parser, Closeable {
             if (name != null) request.put("name", name);
         }
         request.putObject("options").put("ole", refuseObjects ? "refuse" : "extract").put("ole_continue", true);
-        return request;
-    }
-
-    /**
-     * Asks for the document in order (paragraphs, tables, objects with their bytes). A kln2txt that
-     * cannot answer with structure refuses such a request; from then on this parser asks it for the
-     * plain text, where tables are delimited lines and objects' text comes inline.
-     */
-    private JsonNode convert(ObjectNode request) throws TikaException {
-        ServePool workers = pool();
-        if (structured) {
-            request.put("text", false).put("blocks", true).put("tables", true).put("objects", true);
-            JsonNode answer = workers.call(request);
-            if (!"bad_request".equals(answer.path("status").asText())) return answer;
-            structured = false;
-            request.remove(List.of("blocks", "tables", "objects"));
-        }
-        request.put("text", true);
-        return workers.call(request);
+        // The document in order: paragraphs, tables, and objects with their bytes and text.
+        return request.put("text", false).put("blocks", true).put("tables", true).put("objects", true);
     }
 
     private synchronized ServePool pool() {
-        if (pool == null) {
-            pool = new ServePool(kln2txtPath, poolSize, timeoutMillis);
-            structured = true;
-        }
+        if (pool == null) pool = new ServePool(kln2txtPath, poolSize, timeoutMillis);
         return pool;
     }
 

@@ -38,11 +38,10 @@ import org.junit.jupiter.params.provider.CsvSource;
 /** The parser as Tika runs it (service-loaded, kln2txt from -DKLN2TXT) over the sample documents. */
 class KlnParserTest {
     private static final AutoDetectParser AUTO = new AutoDetectParser();
-    private static boolean structured;
 
     @BeforeAll
-    static void probe() throws Exception {
-        structured = Samples.structured();
+    static void requireKln2txt() {
+        Samples.requireKln2txt();
     }
 
     private static Metadata named(String name) {
@@ -94,10 +93,6 @@ class KlnParserTest {
     void tablesAreXhtmlTables() throws Exception {
         String budget = xhtml(AUTO, TikaInputStream.get(Samples.path("budget")), new Metadata());
         String addresses = xhtml(AUTO, TikaInputStream.get(Samples.path("addresses")), new Metadata());
-        if (!structured) {
-            assertTrue(budget.contains("<p>\"費目\",\"予算\",\"実績\",\"差額\",\"達成率\"</p>"), budget);
-            return;
-        }
         assertTrue(budget.contains("<tr><td>費目</td><td>予算</td>"), budget);
         assertFalse(budget.contains("<th>"), budget);
         assertTrue(addresses.contains("<tr><th>氏名</th><th>会社</th>"), addresses);
@@ -112,55 +107,12 @@ class KlnParserTest {
         assertTrue(content.contains("See the floor plan"), content);
         assertTrue(content.contains("Venue: Osaka International Convention Center"), content);
         assertTrue(content.contains("Bring: business cards"), content);
-        if (!structured) {
-            assertEquals(1, entries.size());
-            return;
-        }
         assertEquals(3, entries.size());
         for (int i = 1; i <= 2; i++) {
             Metadata object = entries.get(i);
             assertEquals("/object" + i, object.get(TikaCoreProperties.EMBEDDED_RESOURCE_PATH));
             assertTrue(Integer.parseInt(object.get(Metadata.CONTENT_LENGTH)) > 512);
             assertNull(object.get(TikaCoreProperties.EMBEDDED_EXCEPTION));
-        }
-    }
-
-    /**
-     * A worker's structured answer, as the serve protocol defines it, through AutoDetectParser and
-     * RecursiveParserWrapper: paragraphs, a database and a sheet table, and an object as an entry.
-     */
-    @Test
-    void structuredAnswersBecomeTablesAndEmbeddedEntries(@TempDir Path dir) throws Exception {
-        Path answer = dir.resolve("answer.json");
-        Files.writeString(answer, """
-                "code":0,"status":"ok","message":"","truncated":false,\
-                "properties":{"title":"T","author":"","keywords":"","description":"","class":"c","version":""},\
-                "tables":[{"number":1,"kind":"database","columns":["氏名","会社"],"rows":[["山田","ロンドン商事"]]},\
-                {"number":2,"kind":"sheet","columns":["A"],"rows":[["1"],["2"]]}],\
-                "blocks":[{"type":"text","text":"one\\r\\ntwo\\n\\n"},{"type":"table","table":1},\
-                {"type":"object","number":1,"position":9,"data":"aGVsbG8gb2JqZWN0","text":"hello object","code":0},\
-                {"type":"table","table":2}],"warnings":["an object was passed over"]}""");
-        Path worker = dir.resolve("kln2txt");
-        Files.writeString(worker, "#!/bin/sh\nwhile IFS= read -r line; do id=${line#\\{\\\"id\\\":}; "
-                + "printf '{\"id\":%s,%s\\n' \"${id%%,*}\" \"$(cat " + answer + ")\"; done\n");
-        Files.setPosixFilePermissions(worker, PosixFilePermissions.fromString("rwx------"));
-        try (KlnParser kln = new KlnParser()) {
-            kln.setKln2txtPath(worker.toString());
-            RecursiveParserWrapper wrapper = new RecursiveParserWrapper(new AutoDetectParser(kln));
-            RecursiveParserWrapperHandler handler = new RecursiveParserWrapperHandler(
-                    new BasicContentHandlerFactory(BasicContentHandlerFactory.HANDLER_TYPE.XML, -1));
-            wrapper.parse(TikaInputStream.get(new byte[] {1}), handler, named("x.kln"), new ParseContext());
-            List<Metadata> entries = handler.getMetadataList();
-            String xml = compact(entries.get(0).get(TikaCoreProperties.TIKA_CONTENT));
-            assertTrue(xml.contains("<body><p>one</p><p>two</p><table><tr><th>氏名</th><th>会社</th></tr>"
-                    + "<tr><td>山田</td><td>ロンドン商事</td></tr></table><div class=\"package-entry\"><h1>object1</h1></div><p>hello object</p>"
-                    + "<table><tr><td>1</td></tr><tr><td>2</td></tr></table></body>"), xml);
-            assertEquals("c", entries.get(0).get(KlnContent.CLASS));
-            assertEquals("an object was passed over",
-                    entries.get(0).get(TikaCoreProperties.TIKA_META_EXCEPTION_WARNING));
-            assertEquals(2, entries.size());
-            assertEquals("/object1", entries.get(1).get(TikaCoreProperties.EMBEDDED_RESOURCE_PATH));
-            assertEquals("12", entries.get(1).get(Metadata.CONTENT_LENGTH));
         }
     }
 

@@ -131,10 +131,6 @@ class KlnTikaServerIT {
         assertTrue(notice.contains("See the floor plan"), notice);
         assertTrue(notice.contains("Venue: Osaka International Convention Center"), notice);
         assertTrue(notice.contains("Bring: business cards"), notice);
-        if (!Samples.structured()) {
-            assertEquals(1, entries.size(), entries.toString());
-            return;
-        }
         assertEquals(3, entries.size(), entries.toString());
         for (int i = 1; i <= 2; i++) {
             JsonNode object = entries.get(i);

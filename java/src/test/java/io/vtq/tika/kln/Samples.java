@@ -2,11 +2,7 @@ package io.vtq.tika.kln;
 
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
-import java.io.BufferedReader;
 import java.io.IOException;
-import java.io.InputStreamReader;
-import java.io.OutputStream;
-import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
 
@@ -30,22 +26,5 @@ final class Samples {
 
     static void requireKln2txt() {
         assertTrue(Files.isExecutable(Path.of(KLN2TXT)), "kln2txt not found: pass -DKLN2TXT=PATH (now '" + KLN2TXT + "')");
-    }
-
-    /** Whether this kln2txt answers with document structure (tables, objects) or only with text. */
-    static boolean structured() throws IOException, InterruptedException {
-        requireKln2txt();
-        Process p = new ProcessBuilder(KLN2TXT, "--serve").redirectError(ProcessBuilder.Redirect.DISCARD).start();
-        try (OutputStream in = p.getOutputStream();
-             BufferedReader out = new BufferedReader(new InputStreamReader(p.getInputStream(), StandardCharsets.UTF_8))) {
-            in.write(("{\"id\":1,\"path\":\"" + path("letter").toAbsolutePath() + "\",\"blocks\":true}\n")
-                    .getBytes(StandardCharsets.UTF_8));
-            in.flush();
-            String answer = out.readLine();
-            return answer != null && !answer.contains("bad_request");
-        } finally {
-            p.destroy();
-            p.waitFor();
-        }
     }
 }
