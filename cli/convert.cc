@@ -18,6 +18,32 @@ const Property kProperties[6] = {{"title", KLN_PROP_TITLE},       {"author", KLN
                                  {"keywords", KLN_PROP_KEYWORDS}, {"description", KLN_PROP_DESCRIPTION},
                                  {"class", KLN_PROP_CLASS},       {"version", KLN_PROP_VERSION}};
 
+bool ReadProperties(const std::string &path, const FilterOptions &options, const KlnCharsetInfo &charset,
+                    std::vector<std::string> &values) {
+  std::vector<char> record(KLN_PROPERTY_RECORD_SIZE, 0);
+  if (GetProperty(path.c_str(), &options, record.data(), &charset) != KLN_OK) return false;
+  values = PropertyValues(record);
+  return true;
+}
+
+std::vector<std::string> PropertyValues(const std::vector<char> &record) {
+  std::vector<std::string> values;
+  for (size_t i = 0; i < 6; ++i) {
+    // Each text ends at its NUL, and at the latest where the next one starts.
+    const size_t end = i + 1 < 6 ? kProperties[i + 1].offset : record.size();
+    const char *at = record.data() + kProperties[i].offset;
+    values.emplace_back(at, strnlen(at, end - kProperties[i].offset));
+  }
+  return values;
+}
+
+FilterOptions InUtf8(const FilterOptions &options) {
+  FilterOptions utf8 = options;
+  std::snprintf(utf8.outCharset, sizeof utf8.outCharset, "UTF-8");
+  utf8.convOption &= ~KLN_CONV_UTF8_BOM;
+  return utf8;
+}
+
 namespace {
 
 // A private copy of an input the filter cannot open by its own name:
@@ -69,38 +95,6 @@ class InputCopy {
   }
   std::string path_;
 };
-
-// The six properties of `path` in the output set of `options`; false when
-// the header cannot be read.
-bool ReadProperties(const std::string &path, const FilterOptions &options, const KlnCharsetInfo &charset,
-                    std::vector<std::string> &values) {
-  std::vector<char> record(KLN_PROPERTY_RECORD_SIZE, 0);
-  if (GetProperty(path.c_str(), &options, record.data(), &charset) != KLN_OK) return false;
-  values = PropertyValues(record);
-  return true;
-}
-
-}  // namespace
-
-std::vector<std::string> PropertyValues(const std::vector<char> &record) {
-  std::vector<std::string> values;
-  for (size_t i = 0; i < 6; ++i) {
-    // Each text ends at its NUL, and at the latest where the next one starts.
-    const size_t end = i + 1 < 6 ? kProperties[i + 1].offset : record.size();
-    const char *at = record.data() + kProperties[i].offset;
-    values.emplace_back(at, strnlen(at, end - kProperties[i].offset));
-  }
-  return values;
-}
-
-FilterOptions InUtf8(const FilterOptions &options) {
-  FilterOptions utf8 = options;
-  std::snprintf(utf8.outCharset, sizeof utf8.outCharset, "UTF-8");
-  utf8.convOption &= ~KLN_CONV_UTF8_BOM;
-  return utf8;
-}
-
-namespace {
 
 long AppendToString(void *user, const void *data, long len) {
   static_cast<std::string *>(user)->append(static_cast<const char *>(data), static_cast<size_t>(len));
@@ -177,7 +171,8 @@ int WriteJson(const std::string &path, const std::string &name, const Settings &
   } else {
     json += "null";
   }
-  json += ",\"text\":" + JsonString(text) + ",\"result\":" + std::to_string(code) +
+  json += ",\"text\":" + JsonString(text) + ",\"tables\":" + TablesJson(path, s) +
+          ",\"result\":" + std::to_string(code) +
           ",\"message\":" + JsonString(OutcomeText(outcome)) + "}\n";
   std::fwrite(json.data(), 1, json.size(), out);
   return code;
@@ -195,6 +190,10 @@ Outcome WriteListing(const std::string &path, const std::string &name, const Set
   Outcome outcome = Outcome::kConverted;
   if (s.json) {
     code = WriteJson(path, name, s, out, outcome);
+  } else if (s.format != Format::kText) {
+    code = WriteStructured(path, name, s, out);
+    outcome = OutcomeOf(code);
+    if (outcome == Outcome::kDamaged) outcome = DiagnoseFormatFailure(path, s);
   } else {
     outcome = WriteProperties(path, s, out, code);
   }
@@ -215,7 +214,8 @@ Outcome ConvertDocument(const Settings &s, const std::string &input, const std::
     }
   }
   const std::string &path = copy.path().empty() ? input : copy.path();
-  if (s.properties || s.json) return WriteListing(path, input, s, outPath, code);
+  if (!s.extractDir.empty() && !ExtractObjects(path, input, s)) return Outcome::kWriteFailed;
+  if (s.properties || s.json || s.format != Format::kText) return WriteListing(path, input, s, outPath, code);
 
   bool written = true;
   if (outPath.empty()) {

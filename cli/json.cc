@@ -6,10 +6,8 @@
 
 namespace kln2txt {
 
-namespace {
-
-// Length of the well-formed UTF-8 sequence at s[i], or 0 when there is none
-// (stray continuation byte, overlong form, surrogate, beyond U+10FFFF, cut).
+// Stray continuation bytes, overlong forms, surrogates, code points beyond
+// U+10FFFF and cut sequences start no character.
 size_t Utf8SequenceAt(const std::string &s, size_t i) {
   const auto byte = [&](size_t k) { return k < s.size() ? static_cast<uint8_t>(s[k]) : 0u; };
   const auto cont = [&](size_t k) { return (byte(k) & 0xC0u) == 0x80u; };
@@ -28,8 +26,6 @@ size_t Utf8SequenceAt(const std::string &s, size_t i) {
   }
   return 0;
 }
-
-}  // namespace
 
 std::string JsonString(const std::string &s) {
   std::string out = "\"";

@@ -15,6 +15,9 @@ namespace kln2txt {
 // Exit statuses, documented in --help and the README.
 enum ExitStatus : int { kExitOk = 0, kExitFailed = 1, kExitUsage = 2, kExitCut = 3 };
 
+// What --format writes.
+enum class Format : uint8_t { kText, kMarkdown, kHtml, kJsonl };
+
 // What the tool ran, from the command line.
 struct Settings {
   FilterOptions filter{};    // output set, flag bits, size limit, separator
@@ -25,6 +28,9 @@ struct Settings {
   unsigned timeoutSeconds = 60;
   bool properties = false;  // --properties instead of the text
   bool json = false;        // one JSON object per document
+  Format format = Format::kText;
+  bool headerRow = false;   // --header-row: a sheet's first row heads its table
+  std::string extractDir;   // --extract-objects: embedded objects' bytes go here
   bool serve = false;       // --serve: requests on standard input
   std::vector<std::string> files;
 };
@@ -89,12 +95,6 @@ extern const Property kProperties[6];
 // the text). Answers the outcome; code is the filter's result code.
 Outcome ConvertDocument(const Settings &settings, const std::string &input, const std::string &outPath, int &code);
 
-// The six texts of a property record (KLN_PROPERTY_RECORD_SIZE bytes).
-std::vector<std::string> PropertyValues(const std::vector<char> &record);
-// The options with UTF-8 output (and no byte-order mark) in place of the
-// set the user named.
-FilterOptions InUtf8(const FilterOptions &options);
-
 // The test-only switch KLN2TXT_TEST_FAULT=crash:NAME or hang:NAME makes the
 // process that converts the document whose base name is NAME crash or hang,
 // so that the isolation of workers can be tested.
@@ -109,5 +109,28 @@ int RunBatch(const Settings &settings);
 
 // s as a JSON string with its quotes; bytes that are not UTF-8 become U+FFFD.
 std::string JsonString(const std::string &s);
+// Length of the well-formed UTF-8 sequence at s[i], or 0 when there is none.
+size_t Utf8SequenceAt(const std::string &s, size_t i);
+
+// The options with UTF-8 output (and no byte-order mark) in place of the
+// set the user named.
+FilterOptions InUtf8(const FilterOptions &options);
+// The six properties of `path` in the output set of `options`; false when
+// the header cannot be read.
+bool ReadProperties(const std::string &path, const FilterOptions &options, const KlnCharsetInfo &charset,
+                    std::vector<std::string> &values);
+// The six texts of a property record (KLN_PROPERTY_RECORD_SIZE bytes).
+std::vector<std::string> PropertyValues(const std::vector<char> &record);
+
+// format.cc: the document as structure. WriteStructured writes `path` in
+// settings.format to out and answers the filter's result code; TablesJson
+// is the JSON array of its tables; ExtractObjects writes its embedded
+// objects' bytes into settings.extractDir (false when one could not be
+// written, with a message).
+int WriteStructured(const std::string &path, const std::string &name, const Settings &settings, FILE *out);
+std::string TablesJson(const std::string &path, const Settings &settings);
+bool ExtractObjects(const std::string &path, const std::string &input, const Settings &settings);
+// Column letters of a sheet: A to Z, then AA, AB, ... for 0-based column i.
+std::string ColumnName(size_t i);
 
 }  // namespace kln2txt

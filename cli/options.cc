@@ -35,7 +35,13 @@ constexpr char kUsage[] =
     "      --properties        print title, author, keywords, description, class\n"
     "                          and version as 'name: value' lines instead of the text\n"
     "      --json              print one JSON object per document (always UTF-8):\n"
-    "                          file, properties, text, result and message\n"
+    "                          file, properties, text, tables, result and message\n"
+    "      --format FORMAT     text, markdown (paragraphs and tables), html (an XHTML\n"
+    "                          document) or jsonl (properties, then one line per\n"
+    "                          paragraph and per table row); all but text in UTF-8 (text)\n"
+    "      --header-row        a sheet's first row heads its table (else A, B, ...)\n"
+    "      --extract-objects DIR  also write each embedded object's bytes into\n"
+    "                          DIR/NAME-N.ole\n"
     "      --serve             answer JSON requests, one a line, on standard input\n"
     "                          (no FILE; see the README); the options are defaults\n"
     "\n"
@@ -84,6 +90,9 @@ enum LongOnly : int {
   kOle,
   kOleContinue,
   kOleLimitStops,
+  kFormat,
+  kHeaderRow,
+  kExtractObjects,
   kHelp,
   kVersion,
 };
@@ -109,6 +118,9 @@ constexpr option kLongOptions[] = {
     {"ole", required_argument, nullptr, kOle},
     {"ole-continue", no_argument, nullptr, kOleContinue},
     {"ole-limit-stops", no_argument, nullptr, kOleLimitStops},
+    {"format", required_argument, nullptr, kFormat},
+    {"header-row", no_argument, nullptr, kHeaderRow},
+    {"extract-objects", required_argument, nullptr, kExtractObjects},
     {"help", no_argument, nullptr, kHelp},
     {"version", no_argument, nullptr, kVersion},
     {nullptr, 0, nullptr, 0},
@@ -126,6 +138,11 @@ constexpr Named kLineEndModes[] = {{"keep", KLN_FLAG_LINE_KEEP},
                                    {"space", KLN_FLAG_LINE_SPACE}};
 constexpr uint32_t kLineEndBits =
     KLN_FLAG_LINE_KEEP | KLN_FLAG_LINE_LF | KLN_FLAG_LINE_CRLF | KLN_FLAG_LINE_CR | KLN_FLAG_LINE_SPACE;
+
+constexpr Named kFormats[] = {{"text", uint32_t(Format::kText)},
+                              {"markdown", uint32_t(Format::kMarkdown)},
+                              {"html", uint32_t(Format::kHtml)},
+                              {"jsonl", uint32_t(Format::kJsonl)}};
 
 constexpr Named kOleModes[] = {{"extract", KLN_FLAG_OLE_EXTRACT}, {"skip", 0}, {"refuse", KLN_FLAG_OLE_REFUSE}};
 constexpr uint32_t kOleModeBits = KLN_FLAG_OLE_EXTRACT | KLN_FLAG_OLE_REFUSE;
@@ -167,8 +184,9 @@ void SetSeparator(FilterOptions &filter, unsigned char c) {
 int CheckCombination(const Settings &s, bool jobsGiven, bool timeoutGiven) {
   if (s.serve) {
     if (!s.files.empty()) return UsageError("%s", "--serve takes no FILE: requests name the documents");
-    if (!s.output.empty() || !s.outDir.empty() || s.properties || s.json || jobsGiven || timeoutGiven)
-      return UsageError("%s", "--serve takes none of -o, --out-dir, -j, --timeout, --properties, --json");
+    if (!s.output.empty() || !s.outDir.empty() || s.properties || s.json || jobsGiven || timeoutGiven ||
+        s.format != Format::kText || !s.extractDir.empty())
+      return UsageError("%s", "--serve answers in JSON lines: it takes no output, batch or format option");
     if (s.filter.flags & KLN_FLAG_LOG) return UsageError("%s", "--serve writes no log");
     return kExitOk;
   }
@@ -182,6 +200,8 @@ int CheckCombination(const Settings &s, bool jobsGiven, bool timeoutGiven) {
   if ((s.filter.flags & KLN_FLAG_LOG) && readsStdin && s.output.empty())
     return UsageError("%s", "--log needs a named FILE or -o: the log goes beside it");
   if (s.properties && s.json) return UsageError("%s", "--json already holds the properties");
+  if (s.format != Format::kText && (s.properties || s.json))
+    return UsageError("%s", "--format goes with neither --properties nor --json");
   return kExitOk;
 }
 
@@ -257,6 +277,15 @@ int ParseCommandLine(int argc, char **argv, Settings &s, bool &done) {
         break;
       case kOleContinue: s.filter.flags |= KLN_FLAG_OLE_CONTINUE; break;
       case kOleLimitStops: s.filter.flags |= KLN_FLAG_OLE_LIMIT_STOPS; break;
+      case kFormat: {
+        uint32_t format = 0;
+        if (!SetMode(kFormats, ~0u, optarg, format))
+          return UsageError("--format is text, markdown, html or jsonl, not '%s'", optarg);
+        s.format = static_cast<Format>(format);
+        break;
+      }
+      case kHeaderRow: s.headerRow = true; break;
+      case kExtractObjects: s.extractDir = optarg; break;
       case kHelp:
         std::fputs(kUsage, stdout);
         done = true;

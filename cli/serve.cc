@@ -24,15 +24,15 @@ int DigitValue(char c, std::string_view digits, std::string_view alternative = {
   return at == std::string_view::npos ? -1 : static_cast<int>(at);
 }
 
-// One value of a request. Objects and arrays keep their members in order;
-// `raw` is the value's own text, so an "id" goes back exactly as it came.
+// One value of a request. Objects and arrays keep their members in order,
+// each with its name in an object; `raw` is the value's own text, so an
+// "id" goes back exactly as it came.
 struct Json {
-  Json() {}  // not an aggregate, whose members clang would want complete inside this definition
   enum Type : uint8_t { kNull, kBool, kNumber, kString, kArray, kObject } type = kNull;
   bool boolean = false;
   double number = 0;
-  std::string string;
-  std::vector<std::pair<std::string, Json>> members;
+  std::string string, name;
+  std::vector<Json> members;
   std::string_view raw;
 };
 
@@ -98,10 +98,9 @@ class JsonReader {
     ++pos_;
     if (take(close)) return true;
     do {
-      std::string name;
-      if (v.type == Json::kObject && (!(skipSpace(), string(name)) || !take(':'))) return false;
-      v.members.emplace_back(std::move(name), Json{});
-      if (!parse(v.members.back().second, depth + 1)) return false;
+      Json &member = v.members.emplace_back();
+      if (v.type == Json::kObject && (!(skipSpace(), string(member.name)) || !take(':'))) return false;
+      if (!parse(member, depth + 1)) return false;
     } while (take(','));
     return take(close);
   }
@@ -290,7 +289,8 @@ bool ApplyOption(const std::string &name, const Json &v, Settings &s, std::strin
 // a request that cannot be served.
 bool ParseRequest(const Json &json, Request &r, std::string &error) {
   if (json.type != Json::kObject) return error = "a request is a JSON object", false;
-  for (const auto &[name, v] : json.members) {
+  for (const Json &v : json.members) {
+    const std::string &name = v.name;
     bool ok = true;
     if (name == "id") {
       r.id = v.raw;
@@ -307,7 +307,7 @@ bool ParseRequest(const Json &json, Request &r, std::string &error) {
     } else if (name == "options") {
       ok = v.type == Json::kObject || (error = "\"options\" wants an object", false);
       for (size_t i = 0; ok && i < v.members.size(); ++i)
-        ok = ApplyOption(v.members[i].first, v.members[i].second, r.settings, error);
+        ok = ApplyOption(v.members[i].name, v.members[i], r.settings, error);
     } else {
       ok = (error = "unknown field \"" + name + "\"", false);
     }
@@ -350,13 +350,6 @@ const char *StatusOf(int code, bool headerReadable) {
 std::string Answer(std::string_view id, int code, const char *status, const std::string &message) {
   return "{\"id\":" + std::string(id) + ",\"code\":" + std::to_string(code) + ",\"status\":\"" + status +
          "\",\"message\":" + JsonString(message);
-}
-
-// The name of 0-based column n of a sheet: A, …, Z, AA, AB, …
-std::string ColumnName(uint32_t n) {
-  std::string name;
-  for (uint64_t k = uint64_t{n} + 1; k > 0; k = (k - 1) / 26) name.insert(name.begin(), char('A' + (k - 1) % 26));
-  return name;
 }
 
 // Appends item to a comma-separated list of JSON values.

@@ -86,7 +86,11 @@ class EventTable final : public RowConsumer {
     return text_.row(row);
   }
 
-  int end() { return started_ && h_.tableEnd && ctx_->eventStop == 0 ? Answer(ctx_, h_.tableEnd(ctx_->eventUser, 1)) : kOk; }
+  // The end of a started table, unless the host has stopped the conversion.
+  int end() {
+    if (!started_ || !h_.tableEnd || ctx_->eventStop != 0) return kOk;
+    return Answer(ctx_, h_.tableEnd(ctx_->eventUser, 1));
+  }
 
  private:
   int TableStart() {
@@ -98,8 +102,8 @@ class EventTable final : public RowConsumer {
     for (size_t i = 0; i < fields; ++i) {
       const DbField &f = ctx_->dbFields[i];
       offsets_[i] = used;
-      int r = f.name ? ConvertInto(ctx_, reinterpret_cast<const uint8_t *>(f.name), f.nameLen, text_buf_, &used, scratch_)
-                     : kOk;
+      const auto *name = reinterpret_cast<const uint8_t *>(f.name);
+      int r = name ? ConvertInto(ctx_, name, f.nameLen, text_buf_, &used, scratch_) : kOk;
       if (r == kOk && !text_buf_.grow(used + 1)) r = kNoMemory;
       if (r != kOk) return r;
       text_buf_.data()[used++] = '\0';
@@ -117,7 +121,8 @@ class EventTable final : public RowConsumer {
     uint32_t next = 0;  // the column after the previous cell
     for (size_t i = 0; i < row.count && row.cells[i].failed == kOk; ++i) {
       const RowCell &cell = row.cells[i];
-      for (; fill_ && next < cell.column && n < kMaxRowCells; ++next) cells_[n++] = {row.number, next, KLN_CELL_EMPTY, "", 0};
+      for (; fill_ && next < cell.column && n < kMaxRowCells; ++next)
+        cells_[n++] = {row.number, next, KLN_CELL_EMPTY, "", 0};
       const size_t inner = quote_ ? 1 : 0;  // the text between the writer's quotes
       offsets_[n] = used;
       const int r = ConvertInto(ctx_, row.text + cell.at + inner, cell.length - 2 * inner, text_buf_, &used, scratch_);

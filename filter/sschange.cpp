@@ -689,7 +689,8 @@ int FormatCell(ConvContext *ctx, const CellNode &node, bool quote, VtqBuffer &te
   if (kind <= 2 || (kind >= 11 && kind <= 15)) {
     if (!text.grow(cell->at + kMaxFormatted + 3)) return kNoMemory;
     size_t len = 0;
-    const int r = GetSSFormat(ctx, node.value, kind, cell->style, reinterpret_cast<char *>(text.data() + cell->at), &len);
+    char *out = reinterpret_cast<char *>(text.data() + cell->at);
+    const int r = GetSSFormat(ctx, node.value, kind, cell->style, out, &len);
     cell->length = r == kOk ? len : 0;
     return r;
   }

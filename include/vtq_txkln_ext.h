@@ -24,8 +24,8 @@ extern "C" {
  * They answer what the path exports answer for the same bytes; no path
  * limit applies to the input. Embedded objects pass through temporary
  * files as they do for a path. A log (KLN_FLAG_LOG) is written beside
- * outPath; the stream call has no name to put one beside and answers 22
- * when the log is asked for. */
+ * outPath; the stream and events calls from memory have no name to put one
+ * beside and answer 22 when the log is asked for. */
 KLN_API int GetTextFromMemoryWithErrCallback(const void *data, size_t size, const char *outPath,
                                              const FilterOptions *options, const KlnCharsetInfo *charset,
                                              void *errCallback);
@@ -89,7 +89,11 @@ typedef struct KlnEventHandlers {
 
 /* Converts the document and hands it to the handlers as events, in document order. The options record
  * applies as for text (output set, line ends, size limit, embedded-object bits, separator is irrelevant).
- * Answers the same result codes as GetTextStreamWithErrCallback. */
+ * Answers the same result codes as GetTextStreamWithErrCallback.
+ * Runs of text carry no byte-order mark. A table's cells are converted one by one, its delimited text is
+ * counted for the size limit: a table cut at the limit ends after the row where the text is cut. With
+ * objectStart or objectEnd set every embedded object is reported, also when its text is not extracted
+ * (KLN_FLAG_OLE_EXTRACT clear: objectEnd's result is 0 and no text comes between start and end). */
 KLN_API int GetEventsWithErrCallback(const char *inPath, const KlnEventHandlers *handlers, void *user,
                                      const FilterOptions *options, const KlnCharsetInfo *charset,
                                      void *errCallback);

@@ -7,6 +7,7 @@
 
 #include "corpus.h"
 #include "test_support.h"
+#include "vtq_rt.h"
 #include "vtq_txkln_ext.h"
 
 namespace {
@@ -28,7 +29,8 @@ struct Rebuild {
     Rebuild &b = Of(user);
     b.prevRow = -1;
     ++b.tables;
-    for (uint32_t i = 0; i < t->fieldCount; ++i) b.text += (i ? b.separator : "") + b.quote + t->fieldNames[i] + b.quote;
+    for (uint32_t i = 0; i < t->fieldCount; ++i)
+      b.text += (i ? b.separator : "") + b.quote + t->fieldNames[i] + b.quote;
     if (t->kind == KLN_TABLE_DATABASE && t->fieldCount) b.text += "\n";
     return 0;
   }
@@ -107,6 +109,27 @@ TEST(Events, ObjectsCarryTheirStoredBytesAlsoWhenNotExtracted) {
     ASSERT_EQ(b.objects, 3);
     for (const std::string &o : b.objectBytes) EXPECT_EQ(o.substr(0, 4), "\xD0\xCF\x11\xE0");
     EXPECT_EQ(b.failedObjects, 0);
+  }
+}
+
+// Every failed allocation of an events run gives a code of the result
+// table (leaks are caught by LeakSanitizer in the sanitizer build).
+TEST(Events, EveryAllocationFailureGivesATableCode) {
+  const std::vector<int> codes = {0, 12, 22, 25, 3000, 3003, 3004, 3005, 4001};
+  const KlnEventHandlers h = AllHandlers();
+  for (const kln::NamedDocument &d : kln::Corpus()) {
+    const FilterOptions opt = kln::Options("UTF-8", d.flags);
+    for (long n = 1;; ++n) {
+      Rebuild b;
+      VTQ_SetAllocFailAt(n);
+      const long before = VTQ_AllocCount();
+      const int code = Events(d.bytes, opt, h, &b);
+      const bool reached = VTQ_AllocCount() - before >= n;
+      VTQ_SetAllocFailAt(0);
+      if (!reached) break;
+      EXPECT_NE(std::find(codes.begin(), codes.end(), code), codes.end()) << d.name << ": allocation " << n;
+      ASSERT_LT(n, 100000) << d.name;
+    }
   }
 }
 

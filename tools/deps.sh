@@ -1,7 +1,7 @@
 #!/bin/sh
 # Installs the Debian packages the build, the tests and the tools need.
 set -e
-PACKAGES="cmake g++ clang libclang-rt-14-dev llvm-14 libgtest-dev libgmock-dev libbenchmark-dev pkg-config libgsf-1-dev python3-venv python3-pip openjdk-17-jdk-headless maven"
+PACKAGES="cmake g++ clang libclang-rt-14-dev llvm-14 libgtest-dev libgmock-dev libbenchmark-dev pkg-config libgsf-1-dev python3 python3-venv python3-pip openjdk-17-jdk-headless maven"
 missing=""
 for p in $PACKAGES; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"

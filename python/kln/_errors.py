@@ -28,7 +28,10 @@ _NOT_KLN = "not a KLN document"
 
 class KlnError(Exception):
     """A document could not be converted. ``code`` is the filter's result code
-    (-1 for a worker that did not answer), ``source`` what was asked for."""
+    (-1 for a worker that did not answer), ``source`` what was asked for;
+    ``kind`` is "filter" (a WorkerError's is "crashed", "timeout" or "lost")."""
+
+    kind = "filter"
 
     def __init__(self, code: int, message: str, source: object = None) -> None:
         super().__init__(message)

@@ -34,7 +34,7 @@ def test_a_bad_document_costs_only_itself(batch, monkeypatch, fault, kind):
     assert not serve_processes()
     by_kind = {r.kind: r for r in results}
     assert by_kind[kind].source.name == f"{fault}.kln" and isinstance(by_kind[kind].error, kln.WorkerError)
-    assert by_kind["not_kln"].error.code == 3000
+    assert by_kind["not_kln"].error.code == 3000 and by_kind["not_kln"].error.kind == "filter"
     good = [r for r in results if r.ok]
     assert len(good) == len(batch) - 2
     for r in good:

@@ -121,12 +121,15 @@ TEST_F(Kln2txtTest, JsonHoldsPropertiesTextAndOutcome) {
       "\\\"差額\\\",\\\"達成率\\\"\\n\\\"家賃\\\",\\\"\\\\360,000\\\",";
   EXPECT_EQ(r.out.substr(0, r.out.find(budget)),
             "{\"file\":\"empty.kln\",\"properties\":{\"title\":\"empty\",\"author\":\"\",\"keywords\":\"\","
-            "\"description\":\"\",\"class\":\"\",\"version\":\"\"},\"text\":\"\",\"result\":3003,"
+            "\"description\":\"\",\"class\":\"\",\"version\":\"\"},\"text\":\"\",\"tables\":[],\"result\":3003,"
             "\"message\":\"no text in document\"}\n"
-            "{\"file\":\"notes.kln\",\"properties\":null,\"text\":\"\",\"result\":3000,"
+            "{\"file\":\"notes.kln\",\"properties\":null,\"text\":\"\",\"tables\":[],\"result\":3000,"
             "\"message\":\"not a KLN document\"}\n");
-  const std::string end = "\\\"FALSE\\\"\",\"result\":0,\"message\":\"converted\"}\n";
-  EXPECT_EQ(r.out.substr(r.out.size() - end.size()), end);
+  const std::string end = "\\\"FALSE\\\"\",\"tables\":[{\"number\":1,\"kind\":\"sheet\","
+                          "\"columns\":[\"A\",\"B\",\"C\",\"D\",\"E\"],\"rows\":[[\"費目\",";
+  EXPECT_NE(r.out.find(end), std::string::npos);
+  const std::string last = "\"FALSE\"]]}],\"result\":0,\"message\":\"converted\"}\n";
+  EXPECT_EQ(r.out.substr(r.out.size() - last.size()), last);
 }
 
 // A drawing's embedded objects: extracted by default, skipped, or the
@@ -237,6 +240,38 @@ TEST_F(Kln2txtTest, BatchStatusIsTheGravestOfItsDocuments) {
   EXPECT_EQ(Tool("--out-dir out --max-bytes 20 letter.kln notes.kln").status, 1);
   EXPECT_EQ(Tool("--json --out-dir js letter.kln").status, 0);
   EXPECT_EQ(kln::ReadAll(dir.file("js/letter.json")).rfind("{\"file\":\"letter.kln\",\"properties\":{", 0), 0u);
+}
+
+// --serve on hostile request lines: each gets its one answer and the
+// worker goes on (the Python package tests the answers in depth).
+TEST_F(Kln2txtTest, ServeAnswersEveryLine) {
+  const std::string deep = std::string(200, '[') + std::string(200, ']');
+  const struct {
+    std::string line, answer;
+  } kCases[] = {
+      {deep, "\"bad_request\""},
+      {"{\"id\":1,\"path\":\"letter.kln\",\"id\":\"\\ud800\"}", "\"bad_request\""},
+      {"{\"id\":2,\"data\":\"QUJD=\"}", "\"status\":\"not_kln\""},
+      {"{\"id\":3,\"data\":\"QUJDR\"}", "\"bad_request\""},
+      {"{\"id\":4,\"path\":\"x\",\"options\":{\"max_bytes\":1e400}}", "\"bad_request\""},
+      {"{\"id\":5,\"path\":\"budget.kln\",\"options\":{\"max_bytes\":9},\"objects\":true}",
+       "\"truncated\":true"},
+      {"{\"id\":6,\"path\":\"notice.kln\",\"objects\":true,\"text\":false}", "\"type\":\"object\""},
+      {"{\"id\":\"\\u00e9\\ud83d\\ude00\",\"path\":\"empty.kln\"}", "\"no_text\""},
+  };
+  std::string input;
+  for (const auto &c : kCases) input += c.line + "\n";
+  std::ofstream(dir.file("requests.jsonl")) << input;
+  const Ran r = Tool("--serve", {}, "requests.jsonl");
+  EXPECT_EQ(r.status, 0);
+  size_t at = 0;
+  for (const auto &c : kCases) {
+    const size_t end = r.out.find('\n', at);
+    ASSERT_NE(end, std::string::npos) << c.line;
+    EXPECT_NE(r.out.substr(at, end - at).find(c.answer), std::string::npos) << c.line;
+    at = end + 1;
+  }
+  EXPECT_EQ(at, r.out.size());
 }
 
 TEST(JsonString, EscapesAndKeepsOnlyWellFormedUtf8) {
