@@ -50,3 +50,9 @@ build-check/fuzz/make_seeds "$PYDIR/corpus" >/dev/null
 "$PYDIR/venv/bin/pip" install --quiet "pyspark[sql]>=4.0"
 KLN_SAMPLES_DIR=build-check/samples KLN_CORPUS_DIR="$PYDIR/corpus" KLN_MAKE_SAMPLES=build-check/tools/make_samples \
   "$PYDIR/venv/bin/python" -m pytest -q -p no:cacheprovider python/tests
+
+# ---- Tika parser (java/): the jar, its unit tests and an integration test in
+# tika-server-standard, run against the kln2txt and the samples of the g++ build.
+# Maven fetches what it lacks on the first run; later runs need no network.
+mvn -B -q -f java/pom.xml -Djava.build.dir="$PWD/build-check/java" \
+  -DKLN2TXT="$PWD/build-check/cli/kln2txt" -Dkln.samples="$PWD/build-check/samples" clean verify
