@@ -71,7 +71,11 @@ class Kln2txtTest : public ::testing::Test {
   // A pipe `name` that delivers letter.kln once.
   void Pipe(const std::string &name) {
     const std::string pipe = "'" + dir.file(name) + "'";
-    ASSERT_EQ(system(("mkfifo " + pipe + " && cat '" + dir.file("letter.kln") + "' >" + pipe + " &").c_str()), 0);
+    // The FIFO exists before this returns; its writer runs on, bounded in time and holding
+    // none of the test's own outputs, until the tool opens the FIFO.
+    ASSERT_EQ(system(("mkfifo " + pipe + " && (timeout 30 sh -c \"cat '" + dir.file("letter.kln") + "' >" + pipe +
+                      "\" </dev/null >/dev/null 2>&1 &)").c_str()),
+              0);
   }
   // The names in a folder of the test's, sorted (hidden ones included).
   std::vector<std::string> Names(const std::string &folder) {
