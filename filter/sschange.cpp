@@ -819,21 +819,43 @@ int DelimitedWriter::WrtSSBlank(int row, int column) {
     if (n > kPrefixSize - 2) return kFormatError;
     buf[n++] = uint8_t(separator_);
   }
+  return Append(buf, n);
+}
+
+// A row goes out in one write. Bytes are written on their own when what
+// precedes them ends in a byte that could join them into one character
+// or line end (a lead byte, a byte the conversion drops, a carriage
+// return): the text then converts as if each piece were written alone.
+int DelimitedWriter::Append(const uint8_t *bytes, size_t n) {
   if (n == 0) return kOk;
-  return Write(ctx_, buf, n);
+  if (pendingLen_ > 0) {
+    const uint8_t last = pending_.data()[pendingLen_ - 1];
+    if ((last >= 0x7F || (last < 0x20 && last != '\t' && last != '\n')) && Flush() != kOk) return kFormatError;
+  }
+  if (!pending_.grow(pendingLen_ + n)) return kNoMemory;
+  std::memcpy(pending_.data() + pendingLen_, bytes, n);
+  pendingLen_ += n;
+  return kOk;
+}
+
+int DelimitedWriter::Flush() {
+  const size_t n = pendingLen_;
+  pendingLen_ = 0;
+  return n == 0 ? kOk : Write(ctx_, pending_.data(), n);
 }
 
 int DelimitedWriter::row(const CellRow &row) {
-  for (size_t i = 0; i < row.count; ++i) {
+  int r = kOk;
+  for (size_t i = 0; i < row.count && r == kOk; ++i) {
     const RowCell &cell = row.cells[i];
-    int r = WrtSSBlank(row.number, cell.column);
+    r = WrtSSBlank(row.number, cell.column);
     if (r == kOk) r = cell.failed;
-    if (r == kOk && cell.length) r = Write(ctx_, row.text + cell.at, cell.length);
+    if (r == kOk) r = Append(row.text + cell.at, cell.length);
     prevRow_ = row.number;
     prevColumn_ = cell.column;
-    if (r != kOk) return r;
   }
-  return kOk;
+  const int written = Flush();
+  return r != kOk ? r : written;
 }
 
 int PutSSVtqTxt(ConvContext *ctx) {
