@@ -139,15 +139,24 @@ double getfloat(const uint8_t *p, const ConvContext *ctx) {
   const uint32_t w = Get2wc(p, ctx);
   const int e = static_cast<int>(w & 0x7FFF) - 16383;
   if (e < -65) return 0.0;
-  const double scale = std::ldexp(1.0, e);
-  double sum = 0.0, weight = 1.0;
-  for (int i = 2; i < 10; ++i) {
-    for (int bit = 0x80; bit != 0; bit >>= 1) {
-      if (p[i] & bit) sum = sum + weight;
-      weight = weight * 0.5;
+  // The 64-bit mantissa (bit 63 weighs 1) rounded as adding its bits one
+  // by one from the top in doubles rounds it: 53 bits from the first set
+  // one, plus one when the next bit is set and the last kept bit is odd
+  // (a tie goes to even; the bits below it are too small to count).
+  uint64_t m = 0;
+  for (int i = 2; i < 10; ++i) m = (m << 8) | p[i];
+  double sum = 0.0;
+  if (m != 0) {
+    const int shift = 11 - __builtin_clzll(m);
+    if (shift <= 0) {
+      sum = std::ldexp(double(m), -63);
+    } else {
+      uint64_t kept = m >> shift;
+      if (((m >> (shift - 1)) & 1) && (kept & 1)) ++kept;
+      sum = std::ldexp(double(kept), shift - 63);
     }
   }
-  double result = sum * scale;
+  double result = sum * std::ldexp(1.0, e);
   if (w & 0x8000) result = -result;
   return result;
 }
