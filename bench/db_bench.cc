@@ -10,6 +10,7 @@
 #include <random>
 
 #include "db_builder.h"
+#include "keep_doc.h"
 #include "klnmain.h"
 #include "test_support.h"
 
@@ -55,6 +56,7 @@ struct Fixture {
                                  {{0, 0, 0, 0}, {4, 2, 1, 0}, {5, 0, 0, 0}, {16, 0, 0, 0}}};
     const std::string path = dir.file("db" + std::to_string(records) + ".kln");
     kln::WriteFile(path, kln::DbDocument(Table(records), styles).build());
+    kln::KeepDocument(path);
     return files[records] = path;
   }
 };

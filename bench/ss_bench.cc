@@ -4,6 +4,7 @@
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
+#include "keep_doc.h"
 #include "klnmain.h"
 #include "ss_builder.h"
 #include "test_support.h"
@@ -35,6 +36,8 @@ struct Fixture {
     numeric = dir.file("numeric.kln");
     kln::WriteFile(mixed, kln::SsDocument(sheet, styles).build());
     kln::WriteFile(numeric, kln::SsDocument(numbers, styles).build());
+    kln::KeepDocument(mixed);
+    kln::KeepDocument(numeric);
   }
 };
 

@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "keep_doc.h"
 #include "test_support.h"
 #include "wp_builder.h"
 
@@ -37,6 +38,7 @@ struct Fixture {
     }
     path = dir.file("big.kln");
     kln::WriteFile(path, kln::WpDocument({set}).build());
+    kln::KeepDocument(path);
   }
 };
 

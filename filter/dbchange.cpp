@@ -420,7 +420,7 @@ int dbGetCellData(ConvContext *ctx, CellNode *head, uint16_t column, const uint1
     ctx->dbRowCursor = i;
     DbHeldValues::Entry *e = held.find(records[i]);
     if (!e) continue;
-    auto *fresh = static_cast<CellNode *>(VTQ_calloc(1, sizeof(CellNode)));
+    CellNode *fresh = NewCellNode(ctx);
     if (!fresh) return kNoMemory;
     node->row = static_cast<uint16_t>(firstRow + i);
     node->column = column;
@@ -509,7 +509,7 @@ CellNode *DbColumnHead(ConvContext *ctx, uint16_t column) {
   CellNode *at = *link;
   if (!at->nextColumn) return LinkColumn(ctx, &at, column) == kOk ? *link : nullptr;
   if (at->column == column) return at;
-  auto *head = static_cast<CellNode *>(VTQ_calloc(1, sizeof(CellNode)));
+  CellNode *head = NewCellNode(ctx);
   if (!head) return nullptr;
   head->column = column;
   head->nextColumn = at;

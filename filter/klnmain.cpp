@@ -2,6 +2,7 @@
 // the data-set walk and the character conversion.
 #include "klnmain.h"
 
+#include <algorithm>
 #include <cmath>
 #include <initializer_list>
 
@@ -16,7 +17,7 @@ int initial(ConvContext **out) {
   *out = static_cast<ConvContext *>(VTQ_calloc(1, sizeof(ConvContext)));
   ConvContext *ctx = *out;
   if (!ctx) return kNoMemory;
-  ctx->cells = static_cast<CellNode *>(VTQ_calloc(1, sizeof(CellNode)));
+  ctx->cells = NewCellNode(ctx);
   if (!ctx->cells) return kNoMemory;
   ctx->outBuf = static_cast<uint8_t *>(VTQ_calloc(kOutBufSize, 1));
   if (!ctx->outBuf) return kNoMemory;
@@ -40,18 +41,42 @@ void FreeDbFields(ConvContext *ctx) {
   ctx->dbFields = nullptr;
 }
 
-void FreeCellTable(ConvContext *ctx) {
-  CellNode *column = ctx->cells;
-  while (column) {
-    CellNode *nextColumn = column->nextColumn;
-    for (CellNode *node = column; node;) {
-      CellNode *next = node->nextInColumn;
-      if (!node->textShared) VTQ_free(node->text);
-      VTQ_free(node);
-      node = next;
-    }
-    column = nextColumn;
+namespace {
+// The first block holds 64 nodes, every next one twice as many up to 4096:
+// a small document takes little, a big table one allocation per 4096 cells.
+constexpr size_t kFirstCellBlock = 64, kMaxCellBlock = 4096;
+
+CellNode *BlockNodes(CellBlock *block) { return reinterpret_cast<CellNode *>(block + 1); }
+}  // namespace
+
+CellNode *NewCellNode(ConvContext *ctx) {
+  CellBlock *block = ctx->cellBlocks;
+  if (!block || ctx->cellsUsed == block->size) {
+    const size_t size = block ? std::min(block->size * 2, kMaxCellBlock) : kFirstCellBlock;
+    auto *fresh = static_cast<CellBlock *>(VTQ_malloc(sizeof(CellBlock) + size * sizeof(CellNode)));
+    if (!fresh) return nullptr;
+    fresh->next = block;
+    fresh->size = size;
+    ctx->cellBlocks = block = fresh;
+    ctx->cellsUsed = 0;
   }
+  CellNode *node = BlockNodes(block) + ctx->cellsUsed++;
+  *node = CellNode{};
+  return node;
+}
+
+void FreeCellTable(ConvContext *ctx) {
+  for (const CellNode *column = ctx->cells; column; column = column->nextColumn) {
+    for (const CellNode *node = column; node; node = node->nextInColumn) {
+      if (!node->textShared) VTQ_free(node->text);
+    }
+  }
+  for (CellBlock *block = ctx->cellBlocks; block;) {
+    CellBlock *next = block->next;
+    VTQ_free(block);
+    block = next;
+  }
+  ctx->cellBlocks = nullptr;
   ctx->cells = nullptr;
 }
 
@@ -63,6 +88,8 @@ int closeall(ConvContext *ctx) {
   VTQ_free(ctx->cellStyles);
   ctx->cellStyles = nullptr;
   FreeCellTable(ctx);
+  VTQ_free(ctx->stripBuf);
+  ctx->stripBuf = nullptr;
   VTQ_free(ctx->outBuf);
   ctx->outBuf = nullptr;
   VTQ_free(ctx->oleState);
@@ -112,15 +139,24 @@ double getfloat(const uint8_t *p, const ConvContext *ctx) {
   const uint32_t w = Get2wc(p, ctx);
   const int e = static_cast<int>(w & 0x7FFF) - 16383;
   if (e < -65) return 0.0;
-  const double scale = std::ldexp(1.0, e);
-  double sum = 0.0, weight = 1.0;
-  for (int i = 2; i < 10; ++i) {
-    for (int bit = 0x80; bit != 0; bit >>= 1) {
-      if (p[i] & bit) sum = sum + weight;
-      weight = weight * 0.5;
+  // The 64-bit mantissa (bit 63 weighs 1) rounded as adding its bits one
+  // by one from the top in doubles rounds it: 53 bits from the first set
+  // one, plus one when the next bit is set and the last kept bit is odd
+  // (a tie goes to even; the bits below it are too small to count).
+  uint64_t m = 0;
+  for (int i = 2; i < 10; ++i) m = (m << 8) | p[i];
+  double sum = 0.0;
+  if (m != 0) {
+    const int shift = 11 - __builtin_clzll(m);
+    if (shift <= 0) {
+      sum = std::ldexp(double(m), -63);
+    } else {
+      uint64_t kept = m >> shift;
+      if (((m >> (shift - 1)) & 1) && (kept & 1)) ++kept;
+      sum = std::ldexp(double(kept), shift - 63);
     }
   }
-  double result = sum * scale;
+  double result = sum * std::ldexp(1.0, e);
   if (w & 0x8000) result = -result;
   return result;
 }
@@ -492,6 +528,19 @@ int GetString_kln(char *name33, uint32_t *flag, uint32_t code) {
   return kOk;
 }
 
+namespace {
+// The stripped copy of written text, in a buffer the context keeps from
+// write to write.
+uint8_t *StripBuffer(ConvContext *ctx, size_t n) {
+  if (n > ctx->stripSize) {
+    VTQ_free(ctx->stripBuf);
+    ctx->stripBuf = static_cast<uint8_t *>(VTQ_malloc(n));
+    ctx->stripSize = ctx->stripBuf ? n : 0;
+  }
+  return ctx->stripBuf;
+}
+}  // namespace
+
 int CodeConvStart(ConvContext *ctx, ConvRun &run, const uint8_t *text, uint32_t len, int mode, VtqBuffer *scratch) {
   CconvCharsetRecord record{0, 0, 1};
   run.options = CconvOptions{};
@@ -528,9 +577,8 @@ int CodeConvStart(ConvContext *ctx, ConvRun &run, const uint8_t *text, uint32_t 
     if (!scratch->grow(size_t(len) + 16)) return kNoMemory;
     stripped = scratch->data();
   } else {
-    run.stripped.reset(static_cast<uint8_t *>(VTQ_malloc(size_t(len) + 16)));
-    if (!run.stripped) return kNoMemory;
-    stripped = run.stripped.get();
+    stripped = StripBuffer(ctx, size_t(len) + 16);
+    if (!stripped) return kNoMemory;
   }
   run.state.in = stripped;
   run.state.inPos = 0;

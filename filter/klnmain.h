@@ -36,19 +36,27 @@ constexpr size_t kPathSize = 260;
 
 // One cell of the CellTable. Column heads double as the first node of
 // their column's chain; every chain ends with one empty node.
+// The small fields share the first 8 bytes, so a node takes 40.
 struct CellNode {
   uint16_t row;
   uint16_t column;
-  double value;
-  uint16_t kind;
   uint16_t style;
-  char *text;  // owned, unless textShared
-  uint8_t present;
+  uint8_t kind;
+  uint8_t present : 1;
   // The text belongs to another cell of the table: a record shown in
   // several rows keeps one copy of its text, whatever the rows.
-  uint8_t textShared;
+  uint8_t textShared : 1;
+  double value;
+  char *text;  // owned, unless textShared
   CellNode *nextColumn;
   CellNode *nextInColumn;
+};
+
+// A block of CellTable nodes: the table takes its nodes a block at a time
+// and frees the blocks at once.
+struct CellBlock {
+  CellBlock *next;
+  size_t size;  // nodes in the block
 };
 
 struct CellStyle {
@@ -112,6 +120,10 @@ struct ConvContext {
   uint16_t colCount;
   uint16_t rowCount;
   CellNode *cells;
+  CellBlock *cellBlocks;  // newest first; its nodes from cellsUsed on are free
+  size_t cellsUsed;
+  uint8_t *stripBuf;  // the stripped copy of written text, kept from write to write
+  size_t stripSize;
   CellStyle *cellStyles;
   int32_t cellStyleCount;
   int32_t styleMapCount;
@@ -277,6 +289,8 @@ void FreeDbFields(ConvContext *ctx);
 // Frees every column and node of the CellTable with their texts; cells
 // is null afterwards.
 void FreeCellTable(ConvContext *ctx);
+// A zeroed node of the CellTable; null when out of memory.
+CellNode *NewCellNode(ConvContext *ctx);
 void GetEndian(ConvContext *ctx);
 
 // ---- Driver and stages. ----
@@ -337,12 +351,10 @@ int GetString_kln(char *name33, uint32_t *flag, uint32_t code);
 // text must fit outBuf, as property texts do). 0 or 3000.
 int CodeConv(ConvContext *ctx, const uint8_t *text, uint32_t len, int mode);
 
-// One conversion of a whole text, possibly in several pieces. Owns the
-// stripped copy of the text.
+// One conversion of a whole text, possibly in several pieces.
 struct ConvRun {
   CconvState state{};
   CconvOptions options{};
-  VtqPtr<uint8_t> stripped;
   bool firstOutput = false;
   bool active = false;
   ~ConvRun() {
@@ -351,7 +363,7 @@ struct ConvRun {
 };
 // Sets the run up for len bytes of text (mode 3: document set from
 // charsetInfo). The stripped copy goes to `scratch` when given (grown,
-// kept for the next run), else to a buffer of the run. 0, 12 or 3000.
+// kept for the next run), else to the context's buffer. 0, 12 or 3000.
 int CodeConvStart(ConvContext *ctx, ConvRun &run, const uint8_t *text, uint32_t len, int mode,
                   VtqBuffer *scratch = nullptr);
 // Converts the next piece into outBuf (outLen set). 0 or 3000.

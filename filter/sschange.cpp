@@ -1,6 +1,7 @@
 #include "sschange.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -15,7 +16,7 @@
 // each) followed by one CHNK record per present chunk.
 
 int LinkColumn(ConvContext *ctx, CellNode **tail, uint16_t column) {
-  auto *node = static_cast<CellNode *>(VTQ_calloc(1, sizeof(CellNode)));
+  CellNode *node = NewCellNode(ctx);
   if (!node) return kFormatError;
   (*tail)->column = column;
   (*tail)->nextColumn = node;
@@ -259,7 +260,7 @@ int ssGetCellData(const ByteView &chunk, ConvContext *ctx, int32_t column, uint3
     result = DecodeCell(node, rec, l, ctx);
     node->present = 1;
     if (result != kOk) break;
-    auto *next = static_cast<CellNode *>(VTQ_calloc(1, sizeof(CellNode)));
+    CellNode *next = NewCellNode(ctx);
     if (!next) {
       result = kNoMemory;  // the chunk's later cells would be lost
       break;
@@ -328,12 +329,20 @@ constexpr int64_t kDaysPer400Years = 146097;
 // years): the year stays within an int and the year walk stays short.
 constexpr double kLastSerial = 2147483647.0;
 
-int YearLength(int64_t y) {
+constexpr int YearLength(int64_t y) {
   if (y == 0) return 366;  // 1900 counts a 29 February
   const int64_t year = 1900 + y;
   if (year % 4 != 0) return 365;
   return (year % 100 == 0 && year % 400 != 0) ? 365 : 366;
 }
+
+// Days before each year from 1900 up to 2400; the walk through the years
+// starts with one lookup in it.
+constexpr std::array<int64_t, 501> kDaysBefore = [] {
+  std::array<int64_t, 501> days{};
+  for (size_t y = 0; y + 1 < days.size(); ++y) days[y + 1] = days[y] + YearLength(int64_t(y));
+  return days;
+}();
 
 int MonthLength(int m, int leap) { return monthday[m] + (m == 1 ? leap : 0); }
 }  // namespace
@@ -347,6 +356,12 @@ void caldate(CalDate *cd) {
   cd->weekday = static_cast<int32_t>((d0 + 6) % 7);
 
   int64_t d = d0, y = 0;
+  if (d0 <= kDaysBefore.back()) {
+    // The first year whose end reaches the serial: the walk below would
+    // stop there too, and the days before it come from the table.
+    y = std::lower_bound(kDaysBefore.begin() + 1, kDaysBefore.end(), d0) - kDaysBefore.begin() - 1;
+    d = d0 - kDaysBefore[size_t(y)];
+  }
   while (d > YearLength(y)) {
     // From 2000 on the calendar repeats every 400 years.
     if (y >= 100 && (y - 100) % 400 == 0 && d > kDaysPer400Years) {
@@ -804,21 +819,43 @@ int DelimitedWriter::WrtSSBlank(int row, int column) {
     if (n > kPrefixSize - 2) return kFormatError;
     buf[n++] = uint8_t(separator_);
   }
+  return Append(buf, n);
+}
+
+// A row goes out in one write. Bytes are written on their own when what
+// precedes them ends in a byte that could join them into one character
+// or line end (a lead byte, a byte the conversion drops, a carriage
+// return): the text then converts as if each piece were written alone.
+int DelimitedWriter::Append(const uint8_t *bytes, size_t n) {
   if (n == 0) return kOk;
-  return Write(ctx_, buf, n);
+  if (pendingLen_ > 0) {
+    const uint8_t last = pending_.data()[pendingLen_ - 1];
+    if ((last >= 0x7F || (last < 0x20 && last != '\t' && last != '\n')) && Flush() != kOk) return kFormatError;
+  }
+  if (!pending_.grow(pendingLen_ + n)) return kNoMemory;
+  std::memcpy(pending_.data() + pendingLen_, bytes, n);
+  pendingLen_ += n;
+  return kOk;
+}
+
+int DelimitedWriter::Flush() {
+  const size_t n = pendingLen_;
+  pendingLen_ = 0;
+  return n == 0 ? kOk : Write(ctx_, pending_.data(), n);
 }
 
 int DelimitedWriter::row(const CellRow &row) {
-  for (size_t i = 0; i < row.count; ++i) {
+  int r = kOk;
+  for (size_t i = 0; i < row.count && r == kOk; ++i) {
     const RowCell &cell = row.cells[i];
-    int r = WrtSSBlank(row.number, cell.column);
+    r = WrtSSBlank(row.number, cell.column);
     if (r == kOk) r = cell.failed;
-    if (r == kOk && cell.length) r = Write(ctx_, row.text + cell.at, cell.length);
+    if (r == kOk) r = Append(row.text + cell.at, cell.length);
     prevRow_ = row.number;
     prevColumn_ = cell.column;
-    if (r != kOk) return r;
   }
-  return kOk;
+  const int written = Flush();
+  return r != kOk ? r : written;
 }
 
 int PutSSVtqTxt(ConvContext *ctx) {

@@ -87,12 +87,16 @@ class DelimitedWriter final : public RowConsumer {
  private:
   int WriteFieldNames();
   int WrtSSBlank(int row, int column);
+  int Append(const uint8_t *bytes, size_t n);
+  int Flush();
 
   ConvContext *ctx_;
   char separator_;
   bool quote_;
   bool fill_;
   VtqPtr<uint8_t> prefix_;  // the line feeds and separators before a cell
+  VtqBuffer pending_;       // the row's bytes not yet written
+  size_t pendingLen_ = 0;
   int prevRow_ = -1;
   int prevColumn_ = -1;
 };

@@ -151,6 +151,7 @@ int wpGetTxtBlock(VtqBuffer &readBuffer, size_t indexSize, ConvContext *ctx, con
 
   int nextInline = 0;
   const BlockTranslator translate(inl, &nextInline);
+  VtqBuffer out;  // the translated text, kept from block to block
   int32_t total = 0;
   bool carry = false;
   uint8_t carryByte = 0;
@@ -173,10 +174,9 @@ int wpGetTxtBlock(VtqBuffer &readBuffer, size_t indexSize, ConvContext *ctx, con
     if (carry) text[0] = carryByte;
     const size_t blockLen = size_t(n) + start;
 
-    VtqPtr<uint8_t> out;
-    if (!out.alloc(blockLen + kInlineSlot * size_t(inl.count) + 10)) return kNoMemory;
+    if (!out.grow(blockLen + kInlineSlot * size_t(inl.count) + 10)) return kNoMemory;
     bool pastEnd;
-    size_t outLen = translate.run(text, blockLen, out.get(), &pastEnd);
+    size_t outLen = translate.run(text, blockLen, out.data(), &pastEnd);
     size_t covered = blockLen;  // input bytes the output stands for
     carry = false;
     if (blockLen == 1 && IsLead(text[0])) {
@@ -191,7 +191,7 @@ int wpGetTxtBlock(VtqBuffer &readBuffer, size_t indexSize, ConvContext *ctx, con
       carryByte = text[blockLen - 1];
     }
     if (covered > 0 && text[covered - 1] == 0 && outLen > 0) --outLen;
-    if (comm_write(out.get(), 1, outLen, ctx->outFile, ctx) < 1) return kFormatError;
+    if (comm_write(out.data(), 1, outLen, ctx->outFile, ctx) < 1) return kFormatError;
   }
   if (comm_write("\r", 1, 1, ctx->outFile, ctx) < 1) return kFormatError;
   return kOk;

@@ -46,6 +46,7 @@ TEST(ByteReaders, ExtendedFloats) {
       // 1 + 2^-53 + 2^-63 rounds bit by bit: the tie at 2^-53 goes to even
       // first, and the last bit no longer counts.
       {{0x3F, 0xFF, 0x80, 0, 0, 0, 0, 0, 0x04, 0x01}, 1.0},
+      {{0x3F, 0xFF, 0x80, 0, 0, 0, 0, 0, 0x0C, 0x00}, 1.0 + std::ldexp(1.0, -51)},  // an odd last bit: up
       {{0x43, 0xFF, 0x40, 0, 0, 0, 0, 0, 0, 0}, HUGE_VAL},  // 2^1024 scales to infinity, whatever the significand
   };
   for (const FloatCase &c : cases) {
