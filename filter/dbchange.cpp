@@ -407,17 +407,15 @@ int dbGetCellData2(const ByteView &chunk, ConvContext *ctx, uint16_t column, uin
     }
     e.cell.present = 1;
     held.keep();
-    ctx->dbBodyCount = uint32_t(held.count());
   }
   return kOk;
 }
 
-int dbGetCellData(ConvContext *ctx, CellNode *head, uint16_t column, const uint16_t *records, uint32_t recordCount,
+int dbGetCellData(CellNode *head, uint16_t column, const uint16_t *records, uint32_t recordCount,
                   uint32_t firstRow, DbHeldValues &held) {
   CellNode *node = head;
   while (node->nextInColumn) node = node->nextInColumn;
   for (uint32_t i = 0; i < recordCount; ++i) {
-    ctx->dbRowCursor = i;
     DbHeldValues::Entry *e = held.find(records[i]);
     if (!e) continue;
     auto *fresh = static_cast<CellNode *>(VTQ_calloc(1, sizeof(CellNode)));
@@ -434,7 +432,6 @@ int dbGetCellData(ConvContext *ctx, CellNode *head, uint16_t column, const uint1
     e->textGiven = true;
     node = fresh;
   }
-  ctx->dbRowCursor = recordCount;
   return kOk;
 }
 
@@ -492,10 +489,8 @@ int ReadDbColumn(const ByteView &table, size_t *p, ConvContext *ctx, CellNode *h
     if (r != kOk) return r;
     *p += size_t(g) + 4;
   }
-  const int r = dbGetCellData(ctx, head, column, list.numbers.get(), list.count, firstRow, held);
+  const int r = dbGetCellData(head, column, list.numbers.get(), list.count, firstRow, held);
   held.clear();
-  ctx->dbRowCursor = 0;
-  ctx->dbBodyCount = 0;
   return r;
 }
 
@@ -507,14 +502,13 @@ CellNode *DbColumnHead(ConvContext *ctx, uint16_t column) {
   CellNode **link = &ctx->cells;
   while ((*link)->nextColumn && (*link)->column < column) link = &(*link)->nextColumn;
   CellNode *at = *link;
-  if (!at->nextColumn) return LinkColumn(ctx, &at, column) == kOk ? *link : nullptr;
+  if (!at->nextColumn) return LinkColumn(&at, column) == kOk ? *link : nullptr;
   if (at->column == column) return at;
   auto *head = static_cast<CellNode *>(VTQ_calloc(1, sizeof(CellNode)));
   if (!head) return nullptr;
   head->column = column;
   head->nextColumn = at;
   *link = head;
-  ++ctx->colsLinked;
   return head;
 }
 }  // namespace
@@ -525,8 +519,6 @@ int dbCtabcov(const ByteView &recordList, ConvContext *ctx, const ByteView &valu
   VtqPtr<uint16_t> columns;
   VtqPtr<int32_t> chunks;
   if (!heads.alloc(kColumnSlots) || !columns.alloc(kColumnSlots) || !chunks.alloc(kMaxChunkFlags)) return kNoMemory;
-  ctx->dbRowCursor = 0;
-  ctx->dbBodyCount = 0;
   RecordList list;
   int r = ReadRecordList(recordList.sub(4, recordList.size()), &list);
   if (r != kOk) return r;

@@ -94,5 +94,5 @@ int dbGetCellData2(const ByteView &chunk, ConvContext *ctx, uint16_t column, uin
 // starts at `head`: row firstRow + i takes the value of records[i], rows
 // ascending; a record without a value gets no cell. A record shown in
 // several rows places its text once; the other rows share it. 0 or 12.
-int dbGetCellData(ConvContext *ctx, CellNode *head, uint16_t column, const uint16_t *records, uint32_t recordCount,
+int dbGetCellData(CellNode *head, uint16_t column, const uint16_t *records, uint32_t recordCount,
                   uint32_t firstRow, DbHeldValues &held);

@@ -221,7 +221,6 @@ int PropertiesOf(const KlnInput &in, const FilterOptions *options, void *record,
     closeall(ctx);
     return kNoMemory;
   }
-  GetEndian(ctx);
   ctx->flags |= kCtxPropertyMode;
   ctx->options = options;
   ctx->charsetInfo = charset;

@@ -71,36 +71,12 @@ int closeall(ConvContext *ctx) {
   return kOk;
 }
 
-void GetEndian(ConvContext *ctx) {
-  const uint16_t probe = 0x1234;
-  uint8_t first;
-  std::memcpy(&first, &probe, 1);
-  if (first == 0x12) ctx->flags |= kCtxBigEndianHost;
-}
-
 // ==== Byte readers ====
 
 uint32_t Get2wc(const uint8_t *p, const ConvContext *) { return (uint32_t(p[0]) << 8) | p[1]; }
 
 uint32_t Get4wc(const uint8_t *p, const ConvContext *) {
   return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
-}
-
-uint16_t Get2BigEndianNum(const uint8_t *p) {
-  uint16_t v;
-  const uint8_t swapped[2] = {p[1], p[0]};
-  std::memcpy(&v, swapped, 2);
-  return v;
-}
-
-uint32_t Get4BigEndianNum(uint32_t word) { return __builtin_bswap32(word); }
-
-double GetBigEndianFloat(const uint8_t *p) {
-  uint8_t swapped[8];
-  for (int i = 0; i < 8; ++i) swapped[i] = p[7 - i];
-  double d;
-  std::memcpy(&d, swapped, 8);
-  return d;
 }
 
 // The significand is summed bit by bit, the leading (explicit) bit weighing
@@ -585,7 +561,6 @@ int OpenTextContext(ConvContext **out, const KlnInput &in, const FilterOptions *
   ctx->options = options;
   ctx->charsetInfo = charset;
   ctx->errCallback = errCallback;
-  GetEndian(ctx);
   if (!OpenInput(ctx, in)) {
     closeall(ctx);
     *out = nullptr;

@@ -26,7 +26,6 @@ constexpr int kFntmRead = 0x9800;    // "FNTM" ends the data-set area
 constexpr uint32_t kWriteStopped = 0x9900;  // writeState once the limit passed
 
 // ConvContext.flags bits.
-constexpr uint32_t kCtxBigEndianHost = 0x01;
 constexpr uint32_t kCtxOutputMade = 0x04;
 constexpr uint32_t kCtxPropertyMode = 0x20;
 constexpr uint32_t kCtxEventMode = 0x40;  // structure events: no byte-order mark
@@ -108,7 +107,6 @@ struct ConvContext {
   uint32_t dsetSeen;
   int32_t dsetCount;
   uint8_t hasSheet;
-  uint16_t colsLinked;
   uint16_t colCount;
   uint16_t rowCount;
   CellNode *cells;
@@ -118,8 +116,6 @@ struct ConvContext {
   uint16_t *styleMap;
   int16_t dbFieldCount;
   DbField *dbFields;
-  uint32_t dbRowCursor;
-  uint32_t dbBodyCount;
   VTQ_STREAM *outStream;
   uint32_t streamMode;
   void *errCallback;
@@ -211,9 +207,6 @@ class VtqBuffer {
 // Big-endian readers: the same value on every host.
 uint32_t Get2wc(const uint8_t *p, const ConvContext *ctx = nullptr);
 uint32_t Get4wc(const uint8_t *p, const ConvContext *ctx = nullptr);
-uint16_t Get2BigEndianNum(const uint8_t *p);
-uint32_t Get4BigEndianNum(uint32_t word);
-double GetBigEndianFloat(const uint8_t *p);
 // The 80-bit extended value at p (10 bytes, big-endian) as a double.
 double getfloat(const uint8_t *p, const ConvContext *ctx);
 
@@ -277,7 +270,6 @@ void FreeDbFields(ConvContext *ctx);
 // Frees every column and node of the CellTable with their texts; cells
 // is null afterwards.
 void FreeCellTable(ConvContext *ctx);
-void GetEndian(ConvContext *ctx);
 
 // ---- Driver and stages. ----
 int convertFile(ConvContext *ctx);

@@ -14,13 +14,12 @@
 // for each of them a COLM record marking its present chunks (64 rows
 // each) followed by one CHNK record per present chunk.
 
-int LinkColumn(ConvContext *ctx, CellNode **tail, uint16_t column) {
+int LinkColumn(CellNode **tail, uint16_t column) {
   auto *node = static_cast<CellNode *>(VTQ_calloc(1, sizeof(CellNode)));
   if (!node) return kFormatError;
   (*tail)->column = column;
   (*tail)->nextColumn = node;
   *tail = node;
-  ++ctx->colsLinked;
   return kOk;
 }
 
@@ -86,7 +85,7 @@ int ssCtabcov(const ByteView &buf, int64_t length, ConvContext *ctx) {
   for (uint32_t i = 0; i <= lastColumn; ++i) {
     if (buf.u32(kCtabAt + 12 + 4 * i) == 0) continue;
     columns[size_t(present++)] = static_cast<int32_t>(i);
-    if (LinkColumn(ctx, &tail, static_cast<uint16_t>(i)) != kOk) return kFormatError;
+    if (LinkColumn(&tail, static_cast<uint16_t>(i)) != kOk) return kFormatError;
   }
   if (int64_t(kCtabSize) > remaining) return kFormatError;
   remaining -= kCtabSize;

@@ -5,7 +5,7 @@
 
 // Appends a zeroed node to the column list: the old tail becomes the head
 // of `column`, the new node the tail. 3000 when the node cannot be had.
-int LinkColumn(ConvContext *ctx, CellNode **tail, uint16_t column);
+int LinkColumn(CellNode **tail, uint16_t column);
 // The spare node that ends the column list.
 CellNode *ColumnListTail(ConvContext *ctx);
 // A copy of the n bytes at `at` of v (zeros beyond its end) as an owned
