@@ -271,6 +271,21 @@ void FreeDbFields(ConvContext *ctx);
 // is null afterwards.
 void FreeCellTable(ConvContext *ctx);
 
+// ---- Global header. ----
+// A buffer the header's fields and tables fit.
+constexpr uint32_t kHeaderBufSize = 8192;
+// The six text records that follow the fixed part, in file order: title,
+// class, description, author, version, keywords.
+constexpr int kHeaderTextRecords = 6;
+// Reads the fixed part of the header into buf (kHeaderBufSize bytes),
+// field by field: checks the signature, sets docKind and headerVariant.
+// False when a field brings nothing or a check fails.
+bool ReadHeaderFixedPart(ConvContext *ctx, uint8_t *buf);
+// Reads the next text record: u32 P, and when P != 0 a length byte and
+// that many bytes into buf. *text views them (empty when absent: *absent
+// is then true). False when a read brings nothing.
+bool ReadHeaderTextRecord(ConvContext *ctx, uint8_t *buf, ByteView *text, bool *absent);
+
 // ---- Driver and stages. ----
 int convertFile(ConvContext *ctx);
 int GetGlobalInfo(ConvContext *ctx);
