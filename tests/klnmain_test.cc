@@ -212,15 +212,4 @@ TEST(DataSetWalk, MalformedRecordsFail) {
   EXPECT_EQ(RunWalk(noEnd.build()).result, 3000);
 }
 
-TEST(Navigation, SkipCurBuffSkipsExactlyOneBlock) {
-  const Bytes doc = kln::Cat({kln::Block(Bytes(3, 1)), {0, 0, 0, 0}, kln::Str("DSET"), {9}});
-  kln::OpenedContext ctx(doc);
-  EXPECT_EQ(SkipCurBuff(ctx.get()), 0);
-  EXPECT_EQ(SkipCurBuff(ctx.get()), 0);  // a length of 0
-  EXPECT_EQ(SkipCurBuff(ctx.get()), 3000);  // "DSET" where a block is due
-  EXPECT_EQ(ReadFilePass(0, ctx.get()), 0);
-  EXPECT_EQ(ReadFilePass(-5, ctx.get()), 0);
-  EXPECT_EQ(ReadFilePass(2, ctx.get()), 3000);  // only one byte is left
-}
-
 }  // namespace
