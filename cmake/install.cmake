@@ -13,7 +13,9 @@ set_target_properties(kln2txt PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTA
 
 install(TARGETS vtq_txkln vtq_rt EXPORT vtq_txklnTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(FILES include/vtq_txkln.h include/vtq_txkln_ext.h include/vtq_stream.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+# vtq_rt.h too: a host may build a runtime layer of its own against it.
+install(FILES include/vtq_txkln.h include/vtq_txkln_ext.h include/vtq_options.h include/vtq_stream.h
+  platform/vtq_rt.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(TARGETS kln2txt RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
 install(EXPORT vtq_txklnTargets NAMESPACE vtq:: DESTINATION ${KLN_CMAKE_DIR})

@@ -407,7 +407,6 @@ int dbGetCellData2(const ByteView &chunk, ConvContext *ctx, uint16_t column, uin
     }
     e.cell.present = 1;
     held.keep();
-    ctx->dbBodyCount = uint32_t(held.count());
   }
   return kOk;
 }
@@ -417,7 +416,6 @@ int dbGetCellData(ConvContext *ctx, CellNode *head, uint16_t column, const uint1
   CellNode *node = head;
   while (node->nextInColumn) node = node->nextInColumn;
   for (uint32_t i = 0; i < recordCount; ++i) {
-    ctx->dbRowCursor = i;
     DbHeldValues::Entry *e = held.find(records[i]);
     if (!e) continue;
     CellNode *fresh = NewCellNode(ctx);
@@ -434,7 +432,6 @@ int dbGetCellData(ConvContext *ctx, CellNode *head, uint16_t column, const uint1
     e->textGiven = true;
     node = fresh;
   }
-  ctx->dbRowCursor = recordCount;
   return kOk;
 }
 
@@ -494,8 +491,6 @@ int ReadDbColumn(const ByteView &table, size_t *p, ConvContext *ctx, CellNode *h
   }
   const int r = dbGetCellData(ctx, head, column, list.numbers.get(), list.count, firstRow, held);
   held.clear();
-  ctx->dbRowCursor = 0;
-  ctx->dbBodyCount = 0;
   return r;
 }
 
@@ -514,7 +509,6 @@ CellNode *DbColumnHead(ConvContext *ctx, uint16_t column) {
   head->column = column;
   head->nextColumn = at;
   *link = head;
-  ++ctx->colsLinked;
   return head;
 }
 }  // namespace
@@ -525,8 +519,6 @@ int dbCtabcov(const ByteView &recordList, ConvContext *ctx, const ByteView &valu
   VtqPtr<uint16_t> columns;
   VtqPtr<int32_t> chunks;
   if (!heads.alloc(kColumnSlots) || !columns.alloc(kColumnSlots) || !chunks.alloc(kMaxChunkFlags)) return kNoMemory;
-  ctx->dbRowCursor = 0;
-  ctx->dbBodyCount = 0;
   RecordList list;
   int r = ReadRecordList(recordList.sub(4, recordList.size()), &list);
   if (r != kOk) return r;

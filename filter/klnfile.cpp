@@ -161,20 +161,12 @@ int GetVtqTxt(ConvContext *ctx) {
 
 // ==== Properties ====
 
-// The header's six text records, in file order, and where each goes in
-// the caller's property record.
+// Where each of the header's text records, in file order, goes in the
+// caller's property record.
 namespace {
-constexpr uint16_t kPropertyHeaderFields[] = {4, 4, 10, 20, 37, 1, 8, 2, 3, 7, 36, 94, 21, 1,
-                                              15, 1, 26, 3, 7, 2, 2, 3, 21, 5, 9, 1, 1};
-constexpr size_t kTextRecordOffsets[] = {KLN_PROP_TITLE,  KLN_PROP_CLASS,   KLN_PROP_DESCRIPTION,
-                                         KLN_PROP_AUTHOR, KLN_PROP_VERSION, KLN_PROP_KEYWORDS};
+constexpr size_t kTextRecordOffsets[kHeaderTextRecords] = {KLN_PROP_TITLE,  KLN_PROP_CLASS,   KLN_PROP_DESCRIPTION,
+                                                           KLN_PROP_AUTHOR, KLN_PROP_VERSION, KLN_PROP_KEYWORDS};
 constexpr size_t kSmallestRoom = 1028;
-
-// Reads n bytes (zero-filled first); false when nothing came.
-bool ReadField(ConvContext *ctx, uint8_t *buf, size_t n) {
-  std::memset(buf, 0, n);
-  return n == 0 || comm_read(buf, 1, n, ctx->inFile) >= 1;
-}
 
 // Converts the text into the record at `at`; a text that cannot be
 // converted leaves the field empty.
@@ -188,28 +180,17 @@ void StoreProperty(ConvContext *ctx, uint8_t *record, size_t at, const uint8_t *
 
 int GetKlnPropertyInfo(uint8_t *record, ConvContext *ctx) {
   VtqPtr<uint8_t> buf;
-  if (!buf.alloc(8192)) return kNoMemory;
-  for (size_t i = 0; i < sizeof kPropertyHeaderFields / sizeof kPropertyHeaderFields[0]; ++i) {
-    if (!ReadField(ctx, buf.get(), kPropertyHeaderFields[i])) return kFormatError;
-    if (i == 1 && !IsTag(buf.get(), "RVZT")) return kFormatError;
-    if (i == 14) {
-      ctx->docKind = buf[14];
-      if (ctx->docKind > 3) return kFormatError;
-    }
-  }
+  if (!buf.alloc(kHeaderBufSize)) return kNoMemory;
+  if (!ReadHeaderFixedPart(ctx, buf.get())) return kFormatError;
   bool lastAbsent = false;
   for (size_t at : kTextRecordOffsets) {
-    if (!ReadField(ctx, buf.get(), 4)) return kFormatError;
-    lastAbsent = Get4wc(buf.get(), ctx) == 0;
-    if (lastAbsent) continue;
-    if (!ReadField(ctx, buf.get(), 1)) return kFormatError;
-    const uint32_t len = buf[0];
-    if (len == 0) continue;
-    if (!ReadField(ctx, buf.get(), len)) return kFormatError;
-    if (len < 255) StoreProperty(ctx, record, at, buf.get(), len);  // 255 is read and left empty
+    ByteView text;
+    if (!ReadHeaderTextRecord(ctx, buf.get(), &text, &lastAbsent)) return kFormatError;
+    // A text of 255 bytes is read and left empty.
+    if (text.size() > 0 && text.size() < 255) StoreProperty(ctx, record, at, text.data(), uint32_t(text.size()));
   }
   // An absent keywords record is followed by four more bytes.
-  if (lastAbsent && !ReadField(ctx, buf.get(), 4)) return kFormatError;
+  if (lastAbsent && !ReadWord(ctx, buf.get())) return kFormatError;
   return kOk;
 }
 
@@ -221,7 +202,6 @@ int PropertiesOf(const KlnInput &in, const FilterOptions *options, void *record,
     closeall(ctx);
     return kNoMemory;
   }
-  GetEndian(ctx);
   ctx->flags |= kCtxPropertyMode;
   ctx->options = options;
   ctx->charsetInfo = charset;

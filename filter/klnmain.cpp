@@ -98,36 +98,12 @@ int closeall(ConvContext *ctx) {
   return kOk;
 }
 
-void GetEndian(ConvContext *ctx) {
-  const uint16_t probe = 0x1234;
-  uint8_t first;
-  std::memcpy(&first, &probe, 1);
-  if (first == 0x12) ctx->flags |= kCtxBigEndianHost;
-}
-
 // ==== Byte readers ====
 
 uint32_t Get2wc(const uint8_t *p, const ConvContext *) { return (uint32_t(p[0]) << 8) | p[1]; }
 
 uint32_t Get4wc(const uint8_t *p, const ConvContext *) {
   return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
-}
-
-uint16_t Get2BigEndianNum(const uint8_t *p) {
-  uint16_t v;
-  const uint8_t swapped[2] = {p[1], p[0]};
-  std::memcpy(&v, swapped, 2);
-  return v;
-}
-
-uint32_t Get4BigEndianNum(uint32_t word) { return __builtin_bswap32(word); }
-
-double GetBigEndianFloat(const uint8_t *p) {
-  uint8_t swapped[8];
-  for (int i = 0; i < 8; ++i) swapped[i] = p[7 - i];
-  double d;
-  std::memcpy(&d, swapped, 8);
-  return d;
 }
 
 // The significand is summed bit by bit, the leading (explicit) bit weighing
@@ -238,19 +214,63 @@ int RunTextConversion(ConvContext *ctx, const char *logBase) {
 // ==== Global header ====
 
 namespace {
-constexpr uint32_t kMaxHeaderTable = 8192;
+constexpr uint32_t kMaxHeaderTable = kHeaderBufSize;
 
-// Reads the header field by field. Each read must deliver at least one
+// The header is read field by field. Each read must deliver at least one
 // byte; a short read is accepted (the next read then meets the end).
+// Reads n bytes into buf, zero-filled first; false when nothing came.
+bool ReadHeaderBytes(ConvContext *ctx, uint8_t *buf, uint32_t n) {
+  std::memset(buf, 0, n);
+  return n == 0 || comm_read(buf, 1, n, ctx->inFile) >= 1;
+}
+
+// The fixed part: field sizes from offset 0 to 344.
+constexpr uint16_t kFixedFields[] = {4, 4, 10, 20, 37, 1, 8, 2, 3, 7, 36, 94, 21, 1,
+                                     15, 1, 26, 3, 7, 2, 2, 3, 21, 5, 9, 1, 1};
+constexpr size_t kSignatureField = 1;
+constexpr size_t kDocKindField = 14;  // its last byte, file offset 262
+
+void SetHeaderVariant(ConvContext *ctx, const uint8_t *mark) {
+  if (Get2wc(mark, ctx) == 0x0402)
+    ctx->headerVariant = 0;
+  else if (mark[0] == 0x04)
+    ctx->headerVariant = 1;
+}
+}  // namespace
+
+bool ReadHeaderFixedPart(ConvContext *ctx, uint8_t *buf) {
+  for (size_t i = 0; i < sizeof kFixedFields / sizeof kFixedFields[0]; ++i) {
+    if (!ReadHeaderBytes(ctx, buf, kFixedFields[i])) return false;
+    if (i == 0) SetHeaderVariant(ctx, buf);
+    if (i == kSignatureField && !IsTag(buf, "RVZT")) return false;
+    if (i == kDocKindField) {
+      ctx->docKind = buf[14];
+      if (ctx->docKind > 3) return false;
+    }
+  }
+  return true;
+}
+
+bool ReadHeaderTextRecord(ConvContext *ctx, uint8_t *buf, ByteView *text, bool *absent) {
+  *text = {};
+  if (!ReadHeaderBytes(ctx, buf, 4)) return false;
+  *absent = Get4wc(buf, ctx) == 0;
+  if (*absent) return true;
+  if (!ReadHeaderBytes(ctx, buf, 1)) return false;
+  const uint32_t len = buf[0];
+  if (!ReadHeaderBytes(ctx, buf, len)) return false;
+  *text = ByteView(buf, len);
+  return true;
+}
+
+namespace {
+// The tables after the text records.
 class HeaderWalk {
  public:
   HeaderWalk(ConvContext *ctx, uint8_t *buf) : ctx_(ctx), buf_(buf) {}
 
   // Reads n (at most kMaxHeaderTable) bytes into the buffer; false on failure.
-  bool read(uint32_t n) {
-    if (n == 0) return true;
-    return comm_read(buf_, 1, n, ctx_->inFile) >= 1;
-  }
+  bool read(uint32_t n) { return ReadHeaderBytes(ctx_, buf_, n); }
   // Skips n bytes of any size as one read: fails only when nothing came.
   bool skip(uint32_t n) {
     bool first = true;
@@ -265,18 +285,9 @@ class HeaderWalk {
     return true;
   }
   bool word(uint32_t *v) {
-    buf_[0] = buf_[1] = buf_[2] = buf_[3] = 0;
     if (!read(4)) return false;
     *v = Get4wc(buf_, ctx_);
     return true;
-  }
-  // TitleRec and its kin: u32 P; when P != 0 a length byte and the text.
-  bool textRecord() {
-    uint32_t p;
-    if (!word(&p)) return false;
-    if (p == 0) return true;
-    if (!read(1)) return false;
-    return read(buf_[0]);
   }
   // A u32 length N (at most 8192) and N bytes.
   bool sizedTable(uint32_t *n) {
@@ -314,39 +325,18 @@ class HeaderWalk {
   uint8_t *buf_;
 };
 
-// The fixed part: field sizes from offset 0 to 344.
-constexpr uint16_t kFixedFields[] = {4, 4, 10, 20, 37, 1, 8, 2, 3, 7, 36, 94, 21, 1,
-                                     15, 1, 26, 3, 7, 2, 2, 3, 21, 5, 9, 1, 1};
-constexpr int kSignatureField = 1;
-constexpr int kDocKindField = 14;  // its last byte, file offset 262
-
-void SetHeaderVariant(ConvContext *ctx, const uint8_t *mark) {
-  if (Get2wc(mark, ctx) == 0x0402)
-    ctx->headerVariant = 0;
-  else if (mark[0] == 0x04)
-    ctx->headerVariant = 1;
-}
-
 // Walks the header; true when it ended normally (also early at the Print
 // Table), false at the first error.
 bool WalkHeader(ConvContext *ctx, HeaderWalk &w) {
   uint8_t *buf = w.buf();
-  for (int i = 0; i < int(sizeof kFixedFields / sizeof kFixedFields[0]); ++i) {
-    std::memset(buf, 0, kFixedFields[i]);
-    if (!w.read(kFixedFields[i])) return false;
-    if (i == 0) SetHeaderVariant(ctx, buf);
-    if (i == kSignatureField && !IsTag(buf, "RVZT")) return false;
-    if (i == kDocKindField) {
-      ctx->docKind = buf[14];
-      if (ctx->docKind > 3) return false;
-    }
-  }
-  for (int i = 0; i < 6; ++i) {
-    if (!w.textRecord()) return false;
+  if (!ReadHeaderFixedPart(ctx, buf)) return false;
+  for (int i = 0; i < kHeaderTextRecords; ++i) {
+    ByteView text;
+    bool absent;
+    if (!ReadHeaderTextRecord(ctx, buf, &text, &absent)) return false;
   }
   uint32_t n;
   if (!w.sizedTable(&n)) return false;  // LenDbPath
-  std::memset(buf, 0, 4);
   if (!w.read(124)) return false;  // Print Table
   if (static_cast<int32_t>(Get4wc(buf, ctx)) > 120) return true;
   if (!w.sizedTable(&n) || !w.sizedTable(&n)) return false;  // Table3, Palette
@@ -633,7 +623,6 @@ int OpenTextContext(ConvContext **out, const KlnInput &in, const FilterOptions *
   ctx->options = options;
   ctx->charsetInfo = charset;
   ctx->errCallback = errCallback;
-  GetEndian(ctx);
   if (!OpenInput(ctx, in)) {
     closeall(ctx);
     *out = nullptr;

@@ -26,7 +26,6 @@ constexpr int kFntmRead = 0x9800;    // "FNTM" ends the data-set area
 constexpr uint32_t kWriteStopped = 0x9900;  // writeState once the limit passed
 
 // ConvContext.flags bits.
-constexpr uint32_t kCtxBigEndianHost = 0x01;
 constexpr uint32_t kCtxOutputMade = 0x04;
 constexpr uint32_t kCtxPropertyMode = 0x20;
 constexpr uint32_t kCtxEventMode = 0x40;  // structure events: no byte-order mark
@@ -116,7 +115,6 @@ struct ConvContext {
   uint32_t dsetSeen;
   int32_t dsetCount;
   uint8_t hasSheet;
-  uint16_t colsLinked;
   uint16_t colCount;
   uint16_t rowCount;
   CellNode *cells;
@@ -130,8 +128,6 @@ struct ConvContext {
   uint16_t *styleMap;
   int16_t dbFieldCount;
   DbField *dbFields;
-  uint32_t dbRowCursor;
-  uint32_t dbBodyCount;
   VTQ_STREAM *outStream;
   uint32_t streamMode;
   void *errCallback;
@@ -223,9 +219,6 @@ class VtqBuffer {
 // Big-endian readers: the same value on every host.
 uint32_t Get2wc(const uint8_t *p, const ConvContext *ctx = nullptr);
 uint32_t Get4wc(const uint8_t *p, const ConvContext *ctx = nullptr);
-uint16_t Get2BigEndianNum(const uint8_t *p);
-uint32_t Get4BigEndianNum(uint32_t word);
-double GetBigEndianFloat(const uint8_t *p);
 // The 80-bit extended value at p (10 bytes, big-endian) as a double.
 double getfloat(const uint8_t *p, const ConvContext *ctx);
 
@@ -291,7 +284,21 @@ void FreeDbFields(ConvContext *ctx);
 void FreeCellTable(ConvContext *ctx);
 // A zeroed node of the CellTable; null when out of memory.
 CellNode *NewCellNode(ConvContext *ctx);
-void GetEndian(ConvContext *ctx);
+
+// ---- Global header. ----
+// A buffer the header's fields and tables fit.
+constexpr uint32_t kHeaderBufSize = 8192;
+// The six text records that follow the fixed part, in file order: title,
+// class, description, author, version, keywords.
+constexpr int kHeaderTextRecords = 6;
+// Reads the fixed part of the header into buf (kHeaderBufSize bytes),
+// field by field: checks the signature, sets docKind and headerVariant.
+// False when a field brings nothing or a check fails.
+bool ReadHeaderFixedPart(ConvContext *ctx, uint8_t *buf);
+// Reads the next text record: u32 P, and when P != 0 a length byte and
+// that many bytes into buf. *text views them (empty when absent: *absent
+// is then true). False when a read brings nothing.
+bool ReadHeaderTextRecord(ConvContext *ctx, uint8_t *buf, ByteView *text, bool *absent);
 
 // ---- Driver and stages. ----
 int convertFile(ConvContext *ctx);

@@ -21,7 +21,6 @@ int LinkColumn(ConvContext *ctx, CellNode **tail, uint16_t column) {
   (*tail)->column = column;
   (*tail)->nextColumn = node;
   *tail = node;
-  ++ctx->colsLinked;
   return kOk;
 }
 

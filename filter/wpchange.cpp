@@ -438,5 +438,3 @@ int GetWpGrphDSET(ConvContext *ctx, const uint8_t *record, size_t recordSize) {
   if (r != kOk) return r;
   return WalkObjects(ctx, marks.get(), objectCount, scratch.get(), small.get());
 }
-
-int GetWptblDSET() { return kOk; }

@@ -16,5 +16,3 @@ int GetWpGrphDSET(ConvContext *ctx, const uint8_t *record, size_t recordSize);
 // returns. Answers 0, 12, 3000, the runtime's error code or the host's
 // stop code.
 int WrtOLEFile(int32_t n, ConvContext *ctx);
-// A reader no data-set kind leads to; reads nothing.
-int GetWptblDSET();

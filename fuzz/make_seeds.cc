@@ -1,4 +1,4 @@
-// Writes the seed corpus: documents of every kind from the test builder,
+// Writes the seed corpus: documents of every kind from the document writer,
 // each followed by the option bytes the harnesses read from the end.
 #include <sys/stat.h>
 

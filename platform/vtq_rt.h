@@ -8,8 +8,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "vtq_options.h"
 #include "vtq_stream.h"
-#include "vtq_txkln.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -41,7 +41,7 @@ struct Loaded {
   std::vector<Field> fields;
   std::vector<Cell> cells;  // present cells, column by column, in chain order
   bool rowsAscend = true;   // within every chain
-  uint16_t colsLinked, colCount, rowCount;
+  uint16_t colCount, rowCount;
 };
 
 // Runs the header and the data-set walk and reads the context back.
@@ -63,7 +63,6 @@ Loaded Load(const kln::Document &doc) {
       last = n->row;
     }
   }
-  t.colsLinked = ctx->colsLinked;
   t.colCount = ctx->colCount;
   t.rowCount = ctx->rowCount;
   return t;
@@ -230,7 +229,6 @@ TEST(DatabaseRecords, ColumnFlagsUpToTheFieldCountAndSurplusSections) {
   t.records = {0};
   const Loaded l = Load(kln::DbDocument(t));
   EXPECT_EQ(l.result, 0);
-  EXPECT_EQ(l.colsLinked, 2);
   // Only as many columns as there are fields are read.
   EXPECT_EQ(l.cells, (std::vector<Cell>{{0, 0, 16, 0, "a"}}));
 }

@@ -1,4 +1,4 @@
-// The context, the byte readers, the global header and the data-set walk.
+// The extended-float reader, the global header and the data-set walk.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -11,23 +11,6 @@ using kln::Document;
 using kln::Header;
 
 namespace {
-
-TEST(ByteReaders, BigEndianOnEveryHost) {
-  const uint8_t two[] = {0x04, 0x02}, four[] = {0x00, 0x00, 0x01, 0x00}, ones[] = {0xFF, 0xFF, 0xFF, 0xFF};
-  EXPECT_EQ(Get2wc(two), 0x0402u);
-  EXPECT_EQ(Get4wc(four), 256u);
-  EXPECT_EQ(static_cast<int32_t>(Get4wc(ones)), -1);
-  const uint8_t le[] = {0x34, 0x12};
-  uint16_t v;
-  const uint16_t swapped = Get2BigEndianNum(le);
-  std::memcpy(&v, le, 2);
-  EXPECT_EQ(swapped, static_cast<uint16_t>((v >> 8) | (v << 8)));
-  EXPECT_EQ(Get4BigEndianNum(0x11223344u), 0x44332211u);
-  // The reversing readers undo a byte order: 1.0 stored most significant
-  // byte first comes out as 1.0 on this (least-significant-first) host.
-  const uint8_t d[] = {0x3F, 0xF0, 0, 0, 0, 0, 0, 0};
-  EXPECT_EQ(GetBigEndianFloat(d), 1.0);
-}
 
 struct FloatCase {
   Bytes bytes;
@@ -57,28 +40,6 @@ TEST(ByteReaders, ExtendedFloats) {
   const Bytes inf = {0x7F, 0xFF, 0x80, 0, 0, 0, 0, 0, 0, 0}, nan = {0x7F, 0xFF, 0, 0, 0, 0, 0, 0, 0, 0};
   EXPECT_TRUE(std::isinf(getfloat(inf.data(), nullptr)));
   EXPECT_TRUE(std::isnan(getfloat(nan.data(), nullptr)));
-}
-
-TEST(Context, EveryAllocationOfInitialFailsWith12) {
-  for (long n = 1; n <= 4; ++n) {
-    ConvContext *ctx = reinterpret_cast<ConvContext *>(1);
-    VTQ_SetAllocFailAt(n);
-    EXPECT_EQ(initial(&ctx), 12) << n;
-    VTQ_SetAllocFailAt(0);
-    EXPECT_EQ(n == 1, ctx == nullptr);
-    EXPECT_EQ(closeall(ctx), 0);  // a partial context is released like a full one
-  }
-}
-
-TEST(Context, ReleasesDatabaseFieldsUpToTheFirstUnnamed) {
-  ConvContext *ctx;
-  ASSERT_EQ(initial(&ctx), 0);
-  ctx->dbFieldCount = 3;
-  ctx->dbFields = static_cast<DbField *>(VTQ_calloc(4, sizeof(DbField)));
-  ctx->dbFields[0].name = static_cast<char *>(VTQ_calloc(2, 1));
-  ctx->dbFields[0].extraLen = 4;
-  ctx->dbFields[0].extra = static_cast<uint8_t *>(VTQ_calloc(4, 1));
-  EXPECT_EQ(closeall(ctx), 0);  // LeakSanitizer checks nothing stays behind
 }
 
 // ---- The global header ----
@@ -250,17 +211,6 @@ TEST(DataSetWalk, MalformedRecordsFail) {
   noEnd.dataSets = {Unread(9)};
   noEnd.endWithFntm = false;
   EXPECT_EQ(RunWalk(noEnd.build()).result, 3000);
-}
-
-TEST(Navigation, SkipCurBuffSkipsExactlyOneBlock) {
-  const Bytes doc = kln::Cat({kln::Block(Bytes(3, 1)), {0, 0, 0, 0}, kln::Str("DSET"), {9}});
-  kln::OpenedContext ctx(doc);
-  EXPECT_EQ(SkipCurBuff(ctx.get()), 0);
-  EXPECT_EQ(SkipCurBuff(ctx.get()), 0);  // a length of 0
-  EXPECT_EQ(SkipCurBuff(ctx.get()), 3000);  // "DSET" where a block is due
-  EXPECT_EQ(ReadFilePass(0, ctx.get()), 0);
-  EXPECT_EQ(ReadFilePass(-5, ctx.get()), 0);
-  EXPECT_EQ(ReadFilePass(2, ctx.get()), 3000);  // only one byte is left
 }
 
 }  // namespace

@@ -18,9 +18,7 @@ using Cell = kln::TableCell;
 struct Table {
   int result;
   std::vector<Cell> cells;   // present cells, column by column, in chain order
-  std::vector<int> heads;    // column numbers of the heads (the spare last)
-  std::vector<int> chainEnds;  // per column: 1 when its chain ends in one empty node
-  uint16_t colsLinked, colCount, rowCount;
+  uint16_t colCount, rowCount;
 };
 
 // Runs the header and the data-set walk and reads the table back.
@@ -29,14 +27,10 @@ Table Load(const kln::Document &doc) {
   Table t{};
   t.result = ctx.walk();
   for (const CellNode *head = ctx->cells; head; head = head->nextColumn) {
-    t.heads.push_back(head->column);
-    const CellNode *n = head;
-    for (; n; n = n->nextInColumn) {
+    for (const CellNode *n = head; n; n = n->nextInColumn) {
       if (n->present) t.cells.push_back({n->row, n->column, n->kind, n->value, n->text ? n->text : ""});
-      if (!n->nextInColumn) t.chainEnds.push_back(n->present ? 0 : 1);
     }
   }
-  t.colsLinked = ctx->colsLinked;
   t.colCount = ctx->colCount;
   t.rowCount = ctx->rowCount;
   return t;
@@ -57,9 +51,6 @@ TEST(SpreadsheetTable, EveryCellKindWithRowsFromChunkAndSlot) {
       {145, 0, 5, 0, "TRUE"}, {146, 0, 6, 0, "#ERROR!"}, {147, 0, 6, 0, "#DIV/0!"}, {0, 2, 2, 5600.0, ""},
   };
   EXPECT_EQ(t.cells, expected);
-  EXPECT_EQ(t.heads, (std::vector<int>{0, 2, 0}));  // two heads and the spare
-  EXPECT_EQ(t.chainEnds, (std::vector<int>{1, 1, 1}));
-  EXPECT_EQ(t.colsLinked, 2);
   EXPECT_EQ(t.colCount, 4);
   EXPECT_EQ(t.rowCount, 148);
 }

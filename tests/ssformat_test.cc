@@ -111,11 +111,6 @@ TEST(Formatting, DatesAndTimes) {
   for (const FormatCase &c : cases) EXPECT_EQ(Format(c), c.expected) << c.value << " code " << int(c.code);
 }
 
-TEST(Formatting, QuotesUnlessSwitchedOff) {
-  EXPECT_EQ(Format({7, 0, 0, 0, 0, ""}, 0), "\"7\"");
-  EXPECT_EQ(Format({7, 0, 0, 0, 0, ""}, KLN_FLAG_NO_QUOTE), "7");
-}
-
 // The calendar against the civil calendar of the standard library.
 TEST(Calendar, AgreesWithTheCivilCalendar) {
   using namespace std::chrono;

@@ -51,11 +51,6 @@ TEST(StyleTable, MapsStyleNumbersToCellStyles) {
   EXPECT_EQ(s.lookups, (std::vector<int>{1, 3, 0, 0, 0, 2, 0, 0, 0, 0, 0, 0}));
 }
 
-TEST(StyleTable, IndexBeyondTheCellStylesTakesTheLast) {
-  const Styles s = Load(StyleChain{{{0, 7}}, {{1, 0, 0, 0}, {2, 0, 0, 0}}});
-  EXPECT_EQ(s.lookups[0], 1);
-}
-
 TEST(StyleTable, WithoutCellRecordNothingIsFound) {
   StyleChain chain{{{0, 0}}, {}};
   chain.withCell = false;

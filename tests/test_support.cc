@@ -125,7 +125,6 @@ OpenedContext::OpenedContext(const Bytes &doc, const FilterOptions &opt, const K
   std::snprintf(ctx_->inPath, sizeof ctx_->inPath, "%s", in.c_str());
   ctx_->options = &options;
   ctx_->charsetInfo = &charset;
-  GetEndian(ctx_);
   ctx_->inFile = VTQ_FileOpen(in.c_str(), "rb");
   stream_ = VTQ_StreamCreate(Collect, &text);
   ctx_->streamMode = 1;

@@ -1,5 +1,5 @@
 // make_samples: builds the sample documents from their readable
-// descriptions in samples/, with the document builder the tests use.
+// descriptions in samples/, with the document writer (tools/builder/).
 //
 //   make_samples OUTDIR DESCRIPTION...
 //

@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <vtq_rt.h> /* installed for hosts that bring a runtime of their own */
 #include <vtq_stream.h>
 #include <vtq_txkln.h>
 #include <vtq_txkln_ext.h>

@@ -1,6 +1,8 @@
-// Builds KLN documents from readable descriptions, for the tests, the fuzz
-// seeds and the sample tool. Each description mirrors the format's own
-// tables; build() lays the bytes out exactly as the reader expects them.
+// The project's document writer: builds KLN documents from readable
+// descriptions. It writes the shipped samples (tools/make_samples), the fuzz
+// seeds and the benchmark documents, and the tests build theirs with it.
+// Each description mirrors the format's own tables; build() lays the bytes
+// out exactly as the reader expects them.
 #pragma once
 
 #include <cstdint>

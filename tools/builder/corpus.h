@@ -1,5 +1,6 @@
-// Named documents of every kind, shared by the hardening sweeps and the
-// fuzz seeds: each reader's builder contributes its own.
+// Named documents of every kind, shared by the allocation sweep and the
+// fuzz seeds (which the mutation mode replays): each reader's builder
+// contributes its own.
 #pragma once
 
 #include <string>
