@@ -66,6 +66,13 @@ std::string ReadAll(const std::string &path) {
   return s;
 }
 
+bool IsResultCode(int code) {
+  for (int c : {KLN_OK, KLN_ERR_NOMEM, KLN_ERR_OPEN, KLN_ERR_TEXT_BLOCK, KLN_ERR_FORMAT, KLN_ERR_NO_TEXT,
+                KLN_ERR_OLE_REFUSED, KLN_ERR_SIZE_LIMIT, KLN_ERR_OLE_FAILED})
+    if (code == c) return true;
+  return false;
+}
+
 namespace {
 long Collect(void *user, const void *data, long len) {
   static_cast<std::string *>(user)->append(static_cast<const char *>(data), static_cast<size_t>(len));

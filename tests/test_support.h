@@ -77,6 +77,27 @@ Result RunFile(const Bytes &doc, const FilterOptions &opt = Options(), const Kln
 
 std::string ReadAll(const std::string &path);
 
+// True for the codes a conversion may answer (0, 12, 22, 25, 3000, 3003,
+// 3004, 3005, 4001).
+bool IsResultCode(int code);
+
+// Runs run() with its n-th allocation failing, for n = 1, 2, ... until a
+// run makes fewer than n allocations, and hands each answer to
+// check(n, answer). False when the runs did not end within 100,000.
+template <class Run, class Check>
+bool SweepAllocationFailures(Run run, Check check) {
+  for (long n = 1;; ++n) {
+    VTQ_SetAllocFailAt(n);
+    const long before = VTQ_AllocCount();
+    const auto answer = run();
+    const bool reached = VTQ_AllocCount() - before >= n;
+    VTQ_SetAllocFailAt(0);
+    if (!reached) return true;
+    if (n >= 100000) return false;
+    check(n, answer);
+  }
+}
+
 // Everything the filter answers for doc, read with its own option bits:
 // the code and text of stream and file mode, the code and the six strings
 // of GetProperty. Equal transcripts mean equal behaviour.
