@@ -11,7 +11,7 @@
 
 #include "db_builder.h"
 #include "keep_doc.h"
-#include "klnmain.h"
+#include "klnfile.h"
 #include "test_support.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <malloc.h>
 
 #include "keep_doc.h"
-#include "klnmain.h"
+#include "klnfile.h"
 #include "ss_builder.h"
 #include "test_support.h"
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "kln_blocks.h"
 #include "sschange.h"
 
 // ==== Database data sets and field definitions ====

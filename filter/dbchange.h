@@ -1,8 +1,8 @@
-// Database data sets: field definitions, the value table and the record
-// list brought into the CellTable, and the fields' styles.
+// Reader layer: database data sets: field definitions, the value table
+// and the record list brought into the CellTable, and the fields' styles.
 #pragma once
 
-#include "klnmain.h"
+#include "kln_context.h"
 
 // Reads one database data set; answers 0x9700, 0x9800 or an error code.
 // Builds the field table (any document kind); in a database document it

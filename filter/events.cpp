@@ -8,7 +8,8 @@
 #include <algorithm>
 
 #include "dbchange.h"
-#include "filecomm.h"
+#include "kln_conv.h"
+#include "klnfile.h"
 #include "sschange.h"
 
 namespace {

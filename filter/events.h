@@ -1,8 +1,8 @@
-// Structure events: the document handed to the host's handlers in
-// document order (streamMode 2, ctx->events set).
+// Output layer, structure events: what the readers and the writer hand to
+// the host's handlers in document order (streamMode 2, ctx->events set).
 #pragma once
 
-#include "klnmain.h"
+#include "kln_context.h"
 
 // Whether the host takes embedded objects as events.
 inline bool ReportsObjects(const ConvContext *ctx) {
@@ -19,8 +19,3 @@ bool EmitText(ConvContext *ctx, const uint8_t *text, size_t n);
 // extraction's result. 0 or the host's stop code.
 int EmitObjectStart(ConvContext *ctx, int64_t position, const uint8_t *data, size_t size);
 int EmitObjectEnd(ConvContext *ctx, int32_t result);
-
-// The CellTable as table events; its delimited text is written alongside,
-// only counted, so that the size limit and the result codes are those of
-// the text output.
-int PutTableEvents(ConvContext *ctx);

@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 
 #include "events.h"
+#include "kln_blocks.h"
+#include "kln_conv.h"
 
 size_t comm_read(void *buf, size_t size, size_t count, VTQ_FILE *f) { return VTQ_FileRead(buf, size, count, f); }
 

@@ -1,10 +1,8 @@
-// The filter's only input and output paths.
+// Output layer: the filter's one output path, and the output file's
+// checks for the entry points.
 #pragma once
 
-#include "klnmain.h"
-
-// VTQ_FileRead unchanged: the number of elements read, below 1 on failure.
-size_t comm_read(void *buf, size_t size, size_t count, VTQ_FILE *f);
+#include "kln_context.h"
 
 // Converts size * count bytes of document text to the output character set
 // and writes them to f (file mode) or the stream. Answers the bytes

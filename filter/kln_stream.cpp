@@ -1,7 +1,6 @@
 // The stream entry point: the text goes to the host's stream instead of a
 // file; nothing is ever removed, and the log is named after the input.
-#include "klnmain.h"
-#include "vtq_txkln_ext.h"
+#include "klnfile.h"
 
 namespace {
 int TextToStream(const KlnInput &in, VTQ_STREAM *stream, const FilterOptions *options, const KlnCharsetInfo *charset,

@@ -1,15 +1,11 @@
-// The conversion context, the driver, the byte readers, the global header,
-// the data-set walk and the character conversion.
-#include "klnmain.h"
-
+// The bottom layer: the conversion context, the byte readers, the
+// header's records, the reads over a data set's blocks and the character
+// conversion.
 #include <algorithm>
 #include <cmath>
-#include <initializer_list>
 
-#include "dbchange.h"
-#include "filecomm.h"
-#include "sschange.h"
-#include "wpchange.h"
+#include "kln_blocks.h"
+#include "kln_conv.h"
 
 // ==== Context ====
 
@@ -137,93 +133,14 @@ double getfloat(const uint8_t *p, const ConvContext *ctx) {
   return result;
 }
 
-// ==== Driver ====
-
-namespace {
-void Log(const ConvContext *ctx, const char *text) {
-  const uint32_t flags = ctx->options->flags;
-  if ((flags & KLN_FLAG_LOG) && ctx->logFile) vtq_logfprintf(flags, ctx->logFile, text, 0);
-}
-}  // namespace
-
-int convertFile(ConvContext *ctx) {
-  Log(ctx, "\nNow Get Global Information.");
-  int r = GetGlobalInfo(ctx);
-  if (r != kOk) return r;
-  Log(ctx, "\nNow Get DSET Information.");
-  r = GetDSetInfo(ctx);
-  if (r != kOk) return r;
-  if (ctx->docKind == 1) return kOk;  // word-processing text is written as it is read
-  Log(ctx, "\nNow Get STYLE Information.");
-  r = GetStyleInfo(ctx);
-  if (r != kOk) return r;
-  Log(ctx, "\nNow Wrtie File begin.");
-  r = GetVtqTxt(ctx);
-  if (r != kOk) return r;
-  Log(ctx, "\nNow Wrtie File End.");
-  return kOk;
-}
-
-int RunTextConversion(ConvContext *ctx, const char *logBase) {
-  const uint32_t flags = ctx->options->flags;
-  int result;
-  if (flags & KLN_FLAG_LOG) {
-    if (*logBase) GetLogFileName(logBase, "KLN", ctx->logName);
-    ctx->logFile = vtq_logfopen(flags, ctx->logName);
-    if (!ctx->logFile) {
-      result = kOpenFailed;
-    } else {
-      Log(ctx, "\nVTQ_KLN FILE BEGIN:\n\nThe File Name is:\n");
-      vtq_logfprint_path(flags, ctx->logFile, ctx->inPath);
-      result = convertFile(ctx);
-    }
-  } else {
-    result = convertFile(ctx);
-  }
-
-  VTQ_FileClose(ctx->inFile);
-  ctx->inFile = nullptr;
-  if (ctx->fileMode == 1) {
-    // Buffered text that cannot be written fails only here.
-    if (VTQ_FileClose(ctx->outFile) != 0) ctx->writeFailed = 1;
-    ctx->outFile = nullptr;
-  }
-  if ((flags & KLN_FLAG_LOG) && ctx->logFile) {
-    Log(ctx, "\n\nVTQ_KLN FILE CLOSED.");
-    vtq_logfclose(flags, ctx->logFile);
-    ctx->logFile = nullptr;
-  }
-
-  // Text that did not reach the output is a failure whatever else happened.
-  if (ctx->writeFailed) return kFormatError;
-  const bool nothingProduced = ctx->totalOut == 0 && OleStateTotal(ctx) == 0;
-  if (ctx->fileMode == 1) {
-    if (result == kOleRefused || result == kOleFailed) {
-      RemoveOutput(ctx);
-    } else if (nothingProduced) {
-      RemoveOutput(ctx);
-      if (result == kOk) result = kNoText;
-    }
-  } else if (nothingProduced && result == kOk) {
-    result = kNoText;
-  }
-  if (ctx->writeState == kWriteStopped) result = ctx->options->sizeLimit < ctx->totalOut ? kSizeLimit : kOk;
-  return result;
-}
-
 // ==== Global header ====
 
-namespace {
-constexpr uint32_t kMaxHeaderTable = kHeaderBufSize;
-
-// The header is read field by field. Each read must deliver at least one
-// byte; a short read is accepted (the next read then meets the end).
-// Reads n bytes into buf, zero-filled first; false when nothing came.
 bool ReadHeaderBytes(ConvContext *ctx, uint8_t *buf, uint32_t n) {
   std::memset(buf, 0, n);
   return n == 0 || comm_read(buf, 1, n, ctx->inFile) >= 1;
 }
 
+namespace {
 // The fixed part: field sizes from offset 0 to 344.
 constexpr uint16_t kFixedFields[] = {4, 4, 10, 20, 37, 1, 8, 2, 3, 7, 36, 94, 21, 1,
                                      15, 1, 26, 3, 7, 2, 2, 3, 21, 5, 9, 1, 1};
@@ -263,103 +180,7 @@ bool ReadHeaderTextRecord(ConvContext *ctx, uint8_t *buf, ByteView *text, bool *
   return true;
 }
 
-namespace {
-// The tables after the text records.
-class HeaderWalk {
- public:
-  HeaderWalk(ConvContext *ctx, uint8_t *buf) : ctx_(ctx), buf_(buf) {}
-
-  // Reads n (at most kMaxHeaderTable) bytes into the buffer; false on failure.
-  bool read(uint32_t n) { return ReadHeaderBytes(ctx_, buf_, n); }
-  // Skips n bytes of any size as one read: fails only when nothing came.
-  bool skip(uint32_t n) {
-    bool first = true;
-    while (n > 0) {
-      const uint32_t part = n < kMaxHeaderTable ? n : kMaxHeaderTable;
-      const size_t got = comm_read(buf_, 1, part, ctx_->inFile);
-      if (got < 1) return !first;
-      first = false;
-      if (got < part) return true;
-      n -= part;
-    }
-    return true;
-  }
-  bool word(uint32_t *v) {
-    if (!read(4)) return false;
-    *v = Get4wc(buf_, ctx_);
-    return true;
-  }
-  // A u32 length N (at most 8192) and N bytes.
-  bool sizedTable(uint32_t *n) {
-    if (!word(n) || *n > kMaxHeaderTable) return false;
-    return read(*n);
-  }
-  // Table6&Table7&macro: N bytes, a word M with M bytes when 1..8191, and
-  // (N - 16) / 4 pairs of sized pieces. A failed piece is noted and the
-  // remaining entries are still attempted.
-  bool macroTable() {
-    uint32_t n;
-    if (!sizedTable(&n)) return false;
-    if (n == 0) return true;
-    uint32_t m;
-    if (!word(&m)) return false;
-    if (m >= 1 && m <= kMaxHeaderTable - 1 && !read(m)) return false;
-    bool ok = true;
-    const uint32_t entries = n >= 16 ? (n - 16) / 4 : 0;
-    for (uint32_t k = 0; k < entries; ++k) {
-      for (int piece = 0; piece < 2; ++piece) {
-        uint32_t len;
-        if (!word(&len)) {
-          ok = false;
-          continue;
-        }
-        if (!skip(len)) ok = false;
-      }
-    }
-    return ok;
-  }
-  uint8_t *buf() const { return buf_; }
-
- private:
-  ConvContext *ctx_;
-  uint8_t *buf_;
-};
-
-// Walks the header; true when it ended normally (also early at the Print
-// Table), false at the first error.
-bool WalkHeader(ConvContext *ctx, HeaderWalk &w) {
-  uint8_t *buf = w.buf();
-  if (!ReadHeaderFixedPart(ctx, buf)) return false;
-  for (int i = 0; i < kHeaderTextRecords; ++i) {
-    ByteView text;
-    bool absent;
-    if (!ReadHeaderTextRecord(ctx, buf, &text, &absent)) return false;
-  }
-  uint32_t n;
-  if (!w.sizedTable(&n)) return false;  // LenDbPath
-  if (!w.read(124)) return false;  // Print Table
-  if (static_cast<int32_t>(Get4wc(buf, ctx)) > 120) return true;
-  if (!w.sizedTable(&n) || !w.sizedTable(&n)) return false;  // Table3, Palette
-  if (!w.read(32)) return false;                              // table5
-  if (!w.macroTable()) return false;
-  for (uint32_t size : {26u, 2u, 20u, 324u}) {
-    if (!w.read(size)) return false;
-  }
-  return true;
-}
-}  // namespace
-
-int GetGlobalInfo(ConvContext *ctx) {
-  VtqPtr<uint8_t> buf;
-  if (!buf.alloc(kMaxHeaderTable)) return kNoMemory;
-  HeaderWalk walk(ctx, buf.get());
-  if (WalkHeader(ctx, walk)) return kOk;
-  // A header whose mark names the second variant is not checked: the
-  // data-set walk finds the data sets by their tag instead.
-  return ctx->headerVariant == 1 ? kOk : kFormatError;
-}
-
-// ==== Data-set walk and navigation ====
+// ==== Blocks of a data set ====
 
 bool ReadWord(ConvContext *ctx, uint8_t *b) {
   std::memset(b, 0, 4);
@@ -387,92 +208,6 @@ long ReadGrowing(ConvContext *ctx, VtqBuffer &buf, size_t at, uint32_t len) {
     if (n < part) break;
   }
   return static_cast<long>(got);
-}
-
-namespace {
-constexpr size_t kRecordBufferSize = 8192;
-constexpr size_t kRecordKind = 16, kRecordVariant = 14, kRecordSeq = 18;
-
-bool WpReadInDatabase(uint8_t variant) { return variant == 0x20 || variant == 0x40 || variant == 0x60; }
-
-// Hands the data set whose header record is `rec` to the reader of its
-// kind. Answers the reader's result, or 0 when no reader takes it.
-int DispatchDataSet(ConvContext *ctx, const ByteView &rec) {
-  switch (static_cast<int8_t>(rec.u8(kRecordKind))) {
-    case 0:
-      return GetWpGrphDSET(ctx, rec.data(), rec.size());
-    case 1:
-      if (ctx->docKind == 3 && !WpReadInDatabase(rec.u8(kRecordVariant))) return kOk;
-      return GetWpRtfDSET(ctx);
-    case 2: {
-      const int r = GetSsDSET(ctx);
-      if (ctx->hasSheet == 0) ctx->hasSheet = 1;
-      return r;
-    }
-    case 3:
-      return GetDbDSET(ctx);
-    default:
-      return kOk;
-  }
-}
-
-// The loop over the data sets once the first "DSET" has been passed.
-int WalkDataSets(ConvContext *ctx, VtqBuffer &rec) {
-  for (int32_t handled = 0; handled < ctx->dsetCount;) {
-    uint8_t len[4];
-    if (!ReadWord(ctx, len)) return kFormatError;
-    const int32_t l = static_cast<int32_t>(Get4wc(len, ctx));
-    if (l <= 15) return kFormatError;
-    std::memcpy(rec.data(), len, 4);
-    const long got = ReadGrowing(ctx, rec, 4, static_cast<uint32_t>(l));
-    if (got < 0) return kNoMemory;
-    if (got == 0) return kFormatError;
-    const ByteView view(rec.data(), 4 + static_cast<size_t>(got));
-    if (static_cast<int32_t>(view.u16(kRecordSeq)) > ctx->dsetCount) return kFormatError;
-
-    int r = DispatchDataSet(ctx, view);
-    if (r == kOk) r = SkipCurDSET(ctx);
-    if (r == kFntmRead) return kOk;
-    if (r != kNextDset) return r;
-    ++handled;
-  }
-  return kOk;
-}
-}  // namespace
-
-int GetDSetInfo(ConvContext *ctx) {
-  VtqBuffer rec;
-  if (!rec.alloc(kRecordBufferSize)) return kNoMemory;
-  uint8_t b[4] = {0, 0, 0, 0};
-  int status = comm_read(b, 1, 2, ctx->inFile) < 1 ? kFormatError : kOk;
-  ctx->dsetCount = static_cast<int32_t>(Get2wc(b, ctx));
-  if (!ReadWord(ctx, b))
-    status = kFormatError;
-  else if (!IsTag(b, "DSET"))
-    status = FindDSET(ctx);
-  ctx->dsetSeen += 1;
-  if (ctx->dsetCount <= 0 || status != kOk) return status;
-  return WalkDataSets(ctx, rec);
-}
-
-int FindDSET(ConvContext *ctx) {
-  uint8_t b[4];
-  for (;;) {
-    do {
-      if (comm_read(b, 1, 1, ctx->inFile) < 1) return kFormatError;
-    } while (b[0] != 'D');
-    // The three bytes after a 'D' are compared and not examined again;
-    // fewer than three means the file ended inside them.
-    const size_t got = comm_read(b + 1, 1, 3, ctx->inFile);
-    if (got < 1) return kFormatError;
-    if (got == 3 && IsTag(b, "DSET")) break;
-  }
-  if (VTQ_FileSeek(ctx->inFile, -6, 1) != 0) return kFormatError;
-  b[0] = b[1] = 0;
-  if (comm_read(b, 1, 2, ctx->inFile) < 1) return kFormatError;
-  ctx->dsetCount = static_cast<int32_t>(Get2wc(b, ctx));
-  if (VTQ_FileSeek(ctx->inFile, 4, 1) != 0) return kFormatError;
-  return kOk;
 }
 
 int SkipCurDSET(ConvContext *ctx) {
@@ -598,36 +333,4 @@ int CodeConv(ConvContext *ctx, const uint8_t *text, uint32_t len, int mode) {
   if (r == kOk && CodeConvMore(run)) r = kFormatError;
   CodeConvEnd(ctx, run, r == kOk ? ctx->outLen : 0);
   return r == kOk ? kOk : kFormatError;
-}
-
-// ==== Entry-point set-up ====
-
-bool OpenInput(ConvContext *ctx, const KlnInput &in) {
-  if (!in.path) {
-    ctx->inFile = VTQ_FileOpenMemory(in.data, in.size);
-    return ctx->inFile != nullptr;
-  }
-  std::memcpy(ctx->inPath, in.path, std::strlen(in.path) + 1);
-  ctx->inFile = VTQ_FileOpen(ctx->inPath, "rb");
-  return ctx->inFile != nullptr;
-}
-
-int OpenTextContext(ConvContext **out, const KlnInput &in, const FilterOptions *options,
-                    const KlnCharsetInfo *charset, void *errCallback) {
-  ConvContext *ctx = nullptr;
-  if (initial(&ctx) != kOk) {
-    closeall(ctx);
-    *out = nullptr;
-    return kNoMemory;
-  }
-  ctx->options = options;
-  ctx->charsetInfo = charset;
-  ctx->errCallback = errCallback;
-  if (!OpenInput(ctx, in)) {
-    closeall(ctx);
-    *out = nullptr;
-    return kOpenFailed;
-  }
-  *out = ctx;
-  return kOk;
 }

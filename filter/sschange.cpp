@@ -7,6 +7,7 @@
 #include <cstdio>
 
 #include "filecomm.h"
+#include "kln_blocks.h"
 
 // ==== Cell table and spreadsheet data sets ====
 //

@@ -1,7 +1,8 @@
-// Spreadsheet data sets, cell values, formatting, dates, the cell writer.
+// Reader layer: spreadsheet data sets, cell values, formatting, dates, and
+// the cell writer that the driver's last stage runs.
 #pragma once
 
-#include "klnmain.h"
+#include "kln_context.h"
 
 // Appends a zeroed node to the column list: the old tail becomes the head
 // of `column`, the new node the tail. 3000 when the node cannot be had.

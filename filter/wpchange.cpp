@@ -2,6 +2,7 @@
 
 #include "events.h"
 #include "filecomm.h"
+#include "kln_blocks.h"
 
 // ==== Word-processing text ====
 //

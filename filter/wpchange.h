@@ -1,7 +1,7 @@
-// Word-processing and drawing data sets.
+// Reader layer: word-processing and drawing data sets.
 #pragma once
 
-#include "klnmain.h"
+#include "kln_context.h"
 
 // Reads one word-processing data set and writes its text; answers 0x9700,
 // 0x9800 or an error code.

@@ -10,7 +10,6 @@
 
 #include "db_builder.h"
 #include "dbchange.h"
-#include "klnmain.h"
 #include "test_support.h"
 #include "vtq_stream.h"
 

@@ -3,7 +3,7 @@
 
 #include <cmath>
 
-#include "klnmain.h"
+#include "klnfile.h"
 #include "test_support.h"
 
 using kln::Bytes;

@@ -6,7 +6,7 @@
 
 #include <algorithm>
 
-#include "klnmain.h"
+#include "kln_context.h"
 #include "ole_builder.h"
 #include "test_support.h"
 #include "wp_builder.h"

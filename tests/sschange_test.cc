@@ -3,7 +3,6 @@
 
 #include <cmath>
 
-#include "klnmain.h"
 #include "ss_builder.h"
 #include "sschange.h"
 #include "test_support.h"

@@ -4,7 +4,6 @@
 #include <chrono>
 #include <cmath>
 
-#include "klnmain.h"
 #include "sschange.h"
 #include "test_support.h"
 

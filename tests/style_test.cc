@@ -2,7 +2,7 @@
 // cell styles and the lookup the formatter uses.
 #include <gtest/gtest.h>
 
-#include "klnmain.h"
+#include "klnfile.h"
 #include "sschange.h"
 #include "test_support.h"
 

@@ -1,6 +1,6 @@
 #include "test_support.h"
 
-#include "klnmain.h"
+#include "klnfile.h"
 
 #include <dirent.h>
 #include <sys/stat.h>

@@ -1,12 +1,13 @@
-// The per-call context, the records the readers share, and the functions
-// of klnmain.cpp / klnfile.cpp: context, driver, byte readers, header,
-// data-set walk, character conversion, style table, properties.
+// Bottom layer, the context: the result codes, the per-call ConvContext
+// with the records it owns (cell table, styles, database fields), the
+// holders over the runtime allocator, and the context's life.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
+#include "kln_bytes.h"
 #include "vtq_rt.h"
 #include "vtq_txkln.h"
 #include "vtq_txkln_ext.h"
@@ -214,46 +215,6 @@ class VtqBuffer {
   size_t size_ = 0;
 };
 
-// ---- Byte readers. ----
-
-// Big-endian readers: the same value on every host.
-uint32_t Get2wc(const uint8_t *p, const ConvContext *ctx = nullptr);
-uint32_t Get4wc(const uint8_t *p, const ConvContext *ctx = nullptr);
-// The 80-bit extended value at p (10 bytes, big-endian) as a double.
-double getfloat(const uint8_t *p, const ConvContext *ctx);
-
-// A checked view of a record: the fixed-width readers answer 0 for every
-// byte that lies beyond the end, so no reader can step outside the record.
-class ByteView {
- public:
-  ByteView() = default;
-  ByteView(const uint8_t *p, size_t n) : p_(p), n_(n) {}
-  size_t size() const { return n_; }
-  const uint8_t *data() const { return p_; }
-  bool has(size_t off, size_t len) const { return off <= n_ && len <= n_ - off; }
-  uint8_t u8(size_t off) const { return off < n_ ? p_[off] : 0; }
-  uint16_t u16(size_t off) const { return static_cast<uint16_t>((u8(off) << 8) | u8(off + 1)); }
-  uint32_t u32(size_t off) const {
-    return (uint32_t(u8(off)) << 24) | (uint32_t(u8(off + 1)) << 16) | (uint32_t(u8(off + 2)) << 8) |
-           u8(off + 3);
-  }
-  // Copies len bytes from off into dst, zeros for bytes beyond the end.
-  void copy(size_t off, uint8_t *dst, size_t len) const {
-    for (size_t i = 0; i < len; ++i) dst[i] = u8(off + i);
-  }
-  bool tagIs(size_t off, const char *tag4) const { return has(off, 4) && std::memcmp(p_ + off, tag4, 4) == 0; }
-  ByteView sub(size_t off, size_t len) const {
-    if (off > n_) return {};
-    return {p_ + off, len < n_ - off ? len : n_ - off};
-  }
-
- private:
-  const uint8_t *p_ = nullptr;
-  size_t n_ = 0;
-};
-
-inline bool IsTag(const uint8_t *p, const char *tag4) { return std::memcmp(p, tag4, 4) == 0; }
-
 // The running output total that the OLE state record carries into the
 // runtime's extraction and back (a host-order u32).
 inline uint32_t OleStateTotal(const ConvContext *ctx) {
@@ -274,7 +235,8 @@ inline void TakeOleStateTotal(ConvContext *ctx) {
   ctx->totalOut += static_cast<uint32_t>(OleStateTotal(ctx) - static_cast<uint32_t>(ctx->totalOut));
 }
 
-// ---- Context (klnmain.cpp). ----
+// The context's life: initial makes it (its first cell node, outBuf, the
+// OLE state record), closeall frees everything it owns, also after a failure.
 int initial(ConvContext **out);
 int closeall(ConvContext *ctx);
 // Frees the database field table with its names and extra data.
@@ -285,110 +247,3 @@ void FreeCellTable(ConvContext *ctx);
 // A zeroed node of the CellTable; null when out of memory.
 CellNode *NewCellNode(ConvContext *ctx);
 
-// ---- Global header. ----
-// A buffer the header's fields and tables fit.
-constexpr uint32_t kHeaderBufSize = 8192;
-// The six text records that follow the fixed part, in file order: title,
-// class, description, author, version, keywords.
-constexpr int kHeaderTextRecords = 6;
-// Reads the fixed part of the header into buf (kHeaderBufSize bytes),
-// field by field: checks the signature, sets docKind and headerVariant.
-// False when a field brings nothing or a check fails.
-bool ReadHeaderFixedPart(ConvContext *ctx, uint8_t *buf);
-// Reads the next text record: u32 P, and when P != 0 a length byte and
-// that many bytes into buf. *text views them (empty when absent: *absent
-// is then true). False when a read brings nothing.
-bool ReadHeaderTextRecord(ConvContext *ctx, uint8_t *buf, ByteView *text, bool *absent);
-
-// ---- Driver and stages. ----
-int convertFile(ConvContext *ctx);
-int GetGlobalInfo(ConvContext *ctx);
-int GetDSetInfo(ConvContext *ctx);
-int FindDSET(ConvContext *ctx);
-int SkipCurDSET(ConvContext *ctx);
-int SkipCurBuff(ConvContext *ctx);
-int ReadFilePass(int32_t n, ConvContext *ctx);
-
-// Reads 4 bytes into b, zero-filled first; false when nothing came.
-bool ReadWord(ConvContext *ctx, uint8_t *b);
-
-// Reads the 4 bytes that open the next item of a data set into head:
-// answers 0 when they are a block length, 0x9700 when they are "DSET"
-// (counted in dsetSeen), 0x9800 for "FNTM", 3000 when nothing came.
-int ReadBlockHead(ConvContext *ctx, uint8_t *head);
-
-// Reads up to len bytes into buf at offset `at`, growing buf as the bytes
-// arrive, so that a length word larger than the file costs no more memory
-// than the file holds. Answers the number of bytes read (0 when none came),
-// or -1 when the buffer cannot grow.
-long ReadGrowing(ConvContext *ctx, VtqBuffer &buf, size_t at, uint32_t len);
-
-// A path the 260-byte buffers of the context cannot hold (or none).
-inline bool PathTooLong(const char *path) { return !path || strnlen(path, kPathSize) >= kPathSize; }
-
-// Where a document comes from: a path (shorter than kPathSize), or, with
-// path null, the bytes data[0..size) held by the caller.
-struct KlnInput {
-  const char *path;
-  const void *data;
-  size_t size;
-};
-inline KlnInput PathInput(const char *path) { return {path, nullptr, 0}; }
-inline KlnInput MemoryInput(const void *data, size_t size) { return {nullptr, data, size}; }
-
-// Opens the input as ctx->inFile (a path is kept in ctx->inPath); false
-// when it cannot be opened.
-bool OpenInput(ConvContext *ctx, const KlnInput &in);
-
-// Creates the context of a text conversion, fills it from the caller's
-// arguments and opens the input. On failure the context is released and
-// *out is null; answers 0, 12 or 22.
-int OpenTextContext(ConvContext **out, const KlnInput &in, const FilterOptions *options,
-                    const KlnCharsetInfo *charset, void *errCallback);
-
-// Runs the text conversion of an opened context and judges the outcome;
-// shared by the file and the stream entry points. The log is named after
-// logBase; an empty base has no log name, which fails a log request (22).
-int RunTextConversion(ConvContext *ctx, const char *logBase);
-
-// ---- Character conversion. ----
-int GetSeparator(uint32_t flags);
-int GetString_kln(char *name33, uint32_t *flag, uint32_t code);
-// Converts len bytes of document text into outBuf / outLen (one piece: the
-// text must fit outBuf, as property texts do). 0 or 3000.
-int CodeConv(ConvContext *ctx, const uint8_t *text, uint32_t len, int mode);
-
-// One conversion of a whole text, possibly in several pieces.
-struct ConvRun {
-  CconvState state{};
-  CconvOptions options{};
-  bool firstOutput = false;
-  bool active = false;
-  ~ConvRun() {
-    if (active) cconvTermConvert(&state);
-  }
-};
-// Sets the run up for len bytes of text (mode 3: document set from
-// charsetInfo). The stripped copy goes to `scratch` when given (grown,
-// kept for the next run), else to the context's buffer. 0, 12 or 3000.
-int CodeConvStart(ConvContext *ctx, ConvRun &run, const uint8_t *text, uint32_t len, int mode,
-                  VtqBuffer *scratch = nullptr);
-// Converts the next piece into outBuf (outLen set). 0 or 3000.
-int CodeConvPiece(ConvContext *ctx, ConvRun &run);
-// Whether input remains after the last piece.
-inline bool CodeConvMore(const ConvRun &run) { return run.state.inPos < run.state.inLen; }
-// Ends the run; when it produced nothing, the next conversion counts as
-// the first again.
-void CodeConvEnd(ConvContext *ctx, ConvRun &run, uint32_t totalProduced);
-
-// ---- Style table (klnfile.cpp). ----
-int GetStyleInfo(ConvContext *ctx);
-// Builds the style map from a "STYL" record (its length word first; the
-// body declares bodyLen bytes of which `held` were read).
-int GetStyle(ConvContext *ctx, const uint8_t *record, int32_t bodyLen, size_t held);
-
-// ---- Cell writer entry (klnfile.cpp). ----
-int GetVtqTxt(ConvContext *ctx);
-
-// ---- Properties (klnfile.cpp). ----
-int GetKlnPropertyInfo(uint8_t *record, ConvContext *ctx);

@@ -1,0 +1,49 @@
+// Bottom layer, the block reader: reads from the input, the header's
+// fixed part and text records (shared by the driver and the property
+// reader), and the reads over a data set's blocks.
+#pragma once
+
+#include "kln_context.h"
+
+// The input's one read path (defined beside comm_write, in filecomm.cpp;
+// it calls only the runtime): VTQ_FileRead unchanged, the number of
+// elements read, below 1 on failure.
+size_t comm_read(void *buf, size_t size, size_t count, VTQ_FILE *f);
+
+// ---- Global header. ----
+// A buffer the header's fields and tables fit.
+constexpr uint32_t kHeaderBufSize = 8192;
+// The six text records that follow the fixed part, in file order: title,
+// class, description, author, version, keywords.
+constexpr int kHeaderTextRecords = 6;
+// The header is read field by field. Each read must deliver at least one
+// byte; a short read is accepted (the next read then meets the end).
+// Reads n bytes into buf, zero-filled first; false when nothing came.
+bool ReadHeaderBytes(ConvContext *ctx, uint8_t *buf, uint32_t n);
+// Reads the fixed part of the header into buf (kHeaderBufSize bytes),
+// field by field: checks the signature, sets docKind and headerVariant.
+// False when a field brings nothing or a check fails.
+bool ReadHeaderFixedPart(ConvContext *ctx, uint8_t *buf);
+// Reads the next text record: u32 P, and when P != 0 a length byte and
+// that many bytes into buf. *text views them (empty when absent: *absent
+// is then true). False when a read brings nothing.
+bool ReadHeaderTextRecord(ConvContext *ctx, uint8_t *buf, ByteView *text, bool *absent);
+
+// ---- Blocks of a data set. ----
+// Reads 4 bytes into b, zero-filled first; false when nothing came.
+bool ReadWord(ConvContext *ctx, uint8_t *b);
+
+// Reads the 4 bytes that open the next item of a data set into head:
+// answers 0 when they are a block length, 0x9700 when they are "DSET"
+// (counted in dsetSeen), 0x9800 for "FNTM", 3000 when nothing came.
+int ReadBlockHead(ConvContext *ctx, uint8_t *head);
+
+// Reads up to len bytes into buf at offset `at`, growing buf as the bytes
+// arrive, so that a length word larger than the file costs no more memory
+// than the file holds. Answers the number of bytes read (0 when none came),
+// or -1 when the buffer cannot grow.
+long ReadGrowing(ConvContext *ctx, VtqBuffer &buf, size_t at, uint32_t len);
+
+int SkipCurDSET(ConvContext *ctx);
+int SkipCurBuff(ConvContext *ctx);
+int ReadFilePass(int32_t n, ConvContext *ctx);
