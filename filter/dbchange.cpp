@@ -15,7 +15,6 @@
 // (block 2K + 11).
 
 namespace {
-constexpr size_t kBlockBufferSize = 8192;
 constexpr int kMaxBlocks = 256;
 constexpr int kFieldBlock = 1, kValueTableBlock = 4, kCountBlock = 5;
 constexpr int kRecordListBeforeCount = 251, kStyleBlockBeforeCount = 256;
@@ -153,20 +152,16 @@ int GetDBStyle(const ByteView &block, int64_t length, ConvContext *ctx) {
 
 int GetDbDSET(ConvContext *ctx) {
   VtqBuffer buf, valueTable;
-  if (!buf.alloc(kBlockBufferSize)) return kNoMemory;
   size_t valueTableSize = 0;  // 0 until block 4 is kept
   int recordList = kRecordListBeforeCount, styleBlock = kStyleBlockBeforeCount;
   for (int k = 1; k <= kMaxBlocks; ++k) {
-    const int head = ReadBlockHead(ctx, buf.data());
-    if (head != kOk) return head;
-    const int32_t l = static_cast<int32_t>(Get4wc(buf.data(), ctx));
-    if (l <= 0) continue;  // no body
     // The value table's length counts its own four bytes.
-    const uint32_t bodyLen = uint32_t(k == kValueTableBlock && l >= 5 ? l - 4 : l);
-    const long got = ReadGrowing(ctx, buf, 4, bodyLen);
-    if (got < 0) return kNoMemory;
-    const ByteView block(buf.data(), 4 + size_t(got));
-    const int64_t length = int64_t(bodyLen) + 4;
+    Block read;
+    const int head = NextBlock(ctx, buf, &read, k == kValueTableBlock ? kCountsItself : 0);
+    if (head != kOk) return head;
+    if (read.bodyLength == 0) continue;
+    const ByteView &block = read.bytes;
+    const int64_t length = int64_t(read.bodyLength) + 4;
     int r = kOk;
     if (k == kFieldBlock) {
       r = dbFieldSet(block, length, ctx);

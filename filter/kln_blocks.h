@@ -44,6 +44,35 @@ int ReadBlockHead(ConvContext *ctx, uint8_t *head);
 // or -1 when the buffer cannot grow.
 long ReadGrowing(ConvContext *ctx, VtqBuffer &buf, size_t at, uint32_t len);
 
+// ---- The block reader. ----
+// Every reader takes its blocks through NextBlock: a length word, then a
+// body of that length. How the length word reads is given in bits; 0 is a
+// data set's own blocks: "DSET" and "FNTM" in place of a length end the
+// run, and a length of 0 or below (as i32) has no body.
+constexpr unsigned kNoTags = 1;          // a tag in place of a length is a length
+constexpr unsigned kUnsignedLength = 2;  // every length word is a length
+constexpr unsigned kCountsItself = 4;    // a length above 4 counts its own four bytes
+
+// One block as read.
+struct Block {
+  ByteView bytes;       // the length word, then the body as far as the file holds it
+  uint32_t bodyLength;  // the body's declared length; 0: the block has none
+  // A body was declared and none of it came: the file ended.
+  bool bodyMissing() const { return bodyLength > 0 && bytes.size() == 4; }
+};
+
+// Reads the next block into buf, which starts at 8192 bytes, grows to the
+// body's length and a spare byte (no further than the file holds) and is
+// reused from block to block. Answers 0 with *block set, 0x9700 for
+// "DSET" (counted in dsetSeen), 0x9800 for "FNTM", 3000 when no length
+// word came, 12 when buf cannot grow. A short body is no failure: the
+// bytes it lacks read as 0 through the view.
+int NextBlock(ConvContext *ctx, VtqBuffer &buf, Block *block, unsigned framing = 0);
+
+// Passes over the blocks up to the end of the data set: 0x9700, 0x9800,
+// or 3000 when the file ends first.
 int SkipCurDSET(ConvContext *ctx);
+// Passes over one block whose length word holds no tag ("DSET": 3000).
 int SkipCurBuff(ConvContext *ctx);
+// Passes over n bytes; 3000 when the file ends first.
 int ReadFilePass(int32_t n, ConvContext *ctx);

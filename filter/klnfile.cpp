@@ -275,7 +275,6 @@ int FindDSET(ConvContext *ctx) {
   return kOk;
 }
 
-constexpr size_t kRecordBufferSize = 8192;
 constexpr size_t kRecordKind = 16, kRecordVariant = 14, kRecordSeq = 18;
 
 bool WpReadInDatabase(uint8_t variant) { return variant == 0x20 || variant == 0x40 || variant == 0x60; }
@@ -302,17 +301,15 @@ int DispatchDataSet(ConvContext *ctx, const ByteView &rec) {
 }
 
 // The loop over the data sets once the first "DSET" has been passed.
-int WalkDataSets(ConvContext *ctx, VtqBuffer &rec) {
+int WalkDataSets(ConvContext *ctx) {
+  VtqBuffer rec;
   for (int32_t handled = 0; handled < ctx->dsetCount;) {
-    uint8_t len[4];
-    if (!ReadWord(ctx, len)) return kFormatError;
-    const int32_t l = static_cast<int32_t>(Get4wc(len, ctx));
-    if (l <= 15) return kFormatError;
-    std::memcpy(rec.data(), len, 4);
-    const long got = ReadGrowing(ctx, rec, 4, static_cast<uint32_t>(l));
-    if (got < 0) return kNoMemory;
-    if (got == 0) return kFormatError;
-    const ByteView view(rec.data(), 4 + static_cast<size_t>(got));
+    // A header record's length word is a length (above 15), never a tag.
+    Block block;
+    const int head = NextBlock(ctx, rec, &block, kNoTags);
+    if (head != kOk) return head;
+    if (block.bodyLength <= 15 || block.bodyMissing()) return kFormatError;
+    const ByteView &view = block.bytes;
     if (static_cast<int32_t>(view.u16(kRecordSeq)) > ctx->dsetCount) return kFormatError;
 
     int r = DispatchDataSet(ctx, view);
@@ -326,8 +323,6 @@ int WalkDataSets(ConvContext *ctx, VtqBuffer &rec) {
 }  // namespace
 
 int GetDSetInfo(ConvContext *ctx) {
-  VtqBuffer rec;
-  if (!rec.alloc(kRecordBufferSize)) return kNoMemory;
   uint8_t b[4] = {0, 0, 0, 0};
   int status = comm_read(b, 1, 2, ctx->inFile) < 1 ? kFormatError : kOk;
   ctx->dsetCount = static_cast<int32_t>(Get2wc(b, ctx));
@@ -337,7 +332,7 @@ int GetDSetInfo(ConvContext *ctx) {
     status = FindDSET(ctx);
   ctx->dsetSeen += 1;
   if (ctx->dsetCount <= 0 || status != kOk) return status;
-  return WalkDataSets(ctx, rec);
+  return WalkDataSets(ctx);
 }
 
 // ==== Style table ====
@@ -396,28 +391,26 @@ int FindStyleTable(ConvContext *ctx, VtqBuffer &buf) {
 
 int GetStyleInfo(ConvContext *ctx) {
   VtqBuffer buf;
-  if (!buf.alloc(4 + 8192)) return kNoMemory;
   int r = FindStyleTable(ctx, buf);
   if (r != kOk) return r;
   for (int n = 0; n < kMaxStyleRecords; ++n) {
-    uint8_t *rec = buf.data();
-    if (!ReadWord(ctx, rec)) return kFormatError;
-    const uint32_t l = Get4wc(rec, ctx);
-    if (l == 0) return kFormatError;
-    const long got = ReadGrowing(ctx, buf, 4, l);
-    if (got < 0) return kNoMemory;
-    if (got == 0) return kFormatError;
-    rec = buf.data();
-    const ByteView body(rec + 4, size_t(got));
+    // The records' length words are plain lengths; none may be empty.
+    Block block;
+    r = NextBlock(ctx, buf, &block, kNoTags | kUnsignedLength);
+    if (r != kOk) return r;
+    if (block.bodyLength == 0 || block.bodyMissing()) return kFormatError;
+    const uint8_t *rec = block.bytes.data();
+    const size_t held = block.bytes.size() - 4;
+    const ByteView body = block.bytes.sub(4, held);
     // Checks use the declared length; bytes beyond those read count as 0.
-    const int32_t bodyLen = l > 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<int32_t>(l);
+    const int32_t bodyLen = block.bodyLength > 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<int32_t>(block.bodyLength);
     if (n == 0) {
       if (!body.tagIs(kRecordTag, "STYL")) return kFormatError;
-      r = GetStyle(ctx, rec, bodyLen, size_t(got));
+      r = GetStyle(ctx, rec, bodyLen, held);
       if (r != kOk) return r;
       continue;
     }
-    if ((ctx->docKind == 2 || ctx->docKind == 3) && body.tagIs(kRecordTag, "CELL")) return GetCellStyle(ctx, rec, bodyLen, size_t(got));
+    if ((ctx->docKind == 2 || ctx->docKind == 3) && body.tagIs(kRecordTag, "CELL")) return GetCellStyle(ctx, rec, bodyLen, held);
     if (body.tagIs(kRecordTag, "NAME")) return kOk;
   }
   return kFormatError;

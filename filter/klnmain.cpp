@@ -202,12 +202,32 @@ long ReadGrowing(ConvContext *ctx, VtqBuffer &buf, size_t at, uint32_t len) {
   while (got < len) {
     const uint32_t part = static_cast<uint32_t>(len - got < kPiece ? len - got : kPiece);
     const size_t need = at + got + part + 1;  // one spare byte for a terminator
-    if (need > buf.size() && !buf.grow(need > 2 * buf.size() ? need : 2 * buf.size())) return -1;
+    // Doubling keeps the reads few; the whole record and its spare byte
+    // bound the growth.
+    if (need > buf.size() && !buf.grow(std::min(std::max(need, 2 * buf.size()), at + size_t(len) + 1))) return -1;
     const size_t n = comm_read(buf.data() + at + got, 1, part, ctx->inFile);
     got += n;
     if (n < part) break;
   }
   return static_cast<long>(got);
+}
+
+namespace {
+constexpr size_t kReadBufferSize = 8192;
+}  // namespace
+
+int NextBlock(ConvContext *ctx, VtqBuffer &buf, Block *block, unsigned framing) {
+  if (!buf.grow(kReadBufferSize)) return kNoMemory;
+  uint8_t *head = buf.data();
+  const int tag = (framing & kNoTags) ? (ReadWord(ctx, head) ? kOk : kFormatError) : ReadBlockHead(ctx, head);
+  if (tag != kOk) return tag;
+  uint32_t length = Get4wc(head, ctx);
+  if (!(framing & kUnsignedLength) && static_cast<int32_t>(length) <= 0) length = 0;
+  if ((framing & kCountsItself) && length > 4) length -= 4;
+  const long got = length > 0 ? ReadGrowing(ctx, buf, 4, length) : 0;
+  if (got < 0) return kNoMemory;
+  *block = {ByteView(buf.data(), 4 + size_t(got)), length};
+  return kOk;
 }
 
 int SkipCurDSET(ConvContext *ctx) {

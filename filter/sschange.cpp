@@ -40,7 +40,6 @@ char *OwnedText(const ByteView &v, size_t at, size_t n) {
 }
 
 namespace {
-constexpr size_t kSsBufferSize = 8192;
 constexpr int kCellTableBuffer = 3;
 constexpr int kMaxSsBuffers = 257;
 constexpr size_t kCtabAt = 6, kCtabSize = 1036, kColumnsAt = 1042;
@@ -118,18 +117,14 @@ int ssCtabcov(const ByteView &buf, int64_t length, ConvContext *ctx) {
 
 int GetSsDSET(ConvContext *ctx) {
   VtqBuffer buf;
-  if (!buf.alloc(kSsBufferSize + 1)) return kNoMemory;
   for (int k = 1;; ++k) {
-    uint8_t *head = buf.data();
-    const int tag = ReadBlockHead(ctx, head);
+    // Every length word is a length; the cell-table buffer's counts its
+    // own four bytes.
+    Block block;
+    const int tag = NextBlock(ctx, buf, &block, kUnsignedLength | (k == kCellTableBuffer ? kCountsItself : 0));
     if (tag != kOk) return tag;
-    uint32_t length = Get4wc(head, ctx);
-    // The cell-table buffer's length counts its own four bytes.
-    if (k == kCellTableBuffer && length > 4) length -= 4;
-    const long got = length > 0 ? ReadGrowing(ctx, buf, 4, length) : 0;
-    if (got < 0) return kNoMemory;
-    if (k == kCellTableBuffer && length > 4 && ctx->docKind == 2 && ctx->hasSheet == 0) {
-      const int r = ssCtabcov(ByteView(buf.data(), 4 + size_t(got)), int64_t(length) + 4, ctx);
+    if (k == kCellTableBuffer && block.bodyLength > 4 && ctx->docKind == 2 && ctx->hasSheet == 0) {
+      const int r = ssCtabcov(block.bytes, int64_t(block.bodyLength) + 4, ctx);
       if (r != kOk) return r;
     }
     if (k == kMaxSsBuffers) return kFormatError;

@@ -14,7 +14,6 @@
 // text object.
 
 namespace {
-constexpr size_t kWpBufferSize = 8192;
 constexpr size_t kObjectEntrySize = 32;
 constexpr size_t kObjectKind = 5, kObjectTextLength = 10, kObjectText = 12;
 constexpr size_t kInlineSlot = 11;  // an inline text keeps at most 11 bytes
@@ -133,16 +132,16 @@ class BlockTranslator {
   int *next_;
 };
 
-// Reads the text blocks that the text index in readBuffer[0..indexSize)
-// describes, and writes their text followed by one carriage return.
-int wpGetTxtBlock(VtqBuffer &readBuffer, size_t indexSize, ConvContext *ctx, const InlineTexts &inl) {
-  const ByteView index(readBuffer.data(), indexSize);
+// Reads the text blocks that the text index (its length word, then the
+// body as read) describes, and writes their text followed by one carriage
+// return. The blocks are read into readBuffer, which may hold the index.
+int wpGetTxtBlock(VtqBuffer &readBuffer, const ByteView &index, ConvContext *ctx, const InlineTexts &inl) {
   const uint32_t s = index.u32(0);
   if (s >= 1 && s <= 9) return kFormatError;
   const uint32_t count = s / kDescriptorSize;
   // Descriptors beyond the bytes read are zero, and a zero length fails:
   // only those read need room.
-  const size_t held = indexSize > 4 ? (indexSize - 4) / kDescriptorSize : 0;
+  const size_t held = index.size() > 4 ? (index.size() - 4) / kDescriptorSize : 0;
   VtqPtr<TextBlockDesc> desc;
   if (!desc.alloc((held < count ? held : count) + 1)) return kNoMemory;
   for (size_t k = 0; k < held && k < count; ++k) {
@@ -159,18 +158,20 @@ int wpGetTxtBlock(VtqBuffer &readBuffer, size_t indexSize, ConvContext *ctx, con
   for (uint32_t k = 0; k < count; ++k) {
     const TextBlockDesc d = k < held ? desc[k] : TextBlockDesc{0, 0};
     if (d.position < 0 || d.position < total) return kFormatError;
-    uint8_t len[4];
-    if (!ReadWord(ctx, len)) return kFormatError;
-    const int32_t n = static_cast<int32_t>(Get4wc(len, ctx));
+    // A text block's length word must be the one its descriptor gives.
+    Block block;
+    const int r = NextBlock(ctx, readBuffer, &block, kNoTags);
+    if (r != kOk) return r;
+    const int32_t n = static_cast<int32_t>(block.bytes.u32(0));
     if (d.length <= 0 || n != d.length) return kFormatError;
+    if (block.bodyMissing()) return kTextBlockFailed;
 
-    const size_t start = carry ? 1 : 0;
-    const long got = ReadGrowing(ctx, readBuffer, start, static_cast<uint32_t>(n));
-    if (got < 0) return kNoMemory;
-    if (got == 0) return kTextBlockFailed;
-    if (!readBuffer.grow(start + size_t(n) + 1)) return kNoMemory;
-    uint8_t *text = readBuffer.data();
-    std::memset(text + start + got, 0, size_t(n) - size_t(got));  // a short read leaves no stale bytes
+    // The body follows its length word; a carried lead byte goes just
+    // before it, in the length word's last byte.
+    const size_t got = block.bytes.size() - 4, start = carry ? 1 : 0;
+    if (!readBuffer.grow(4 + size_t(n) + 1)) return kNoMemory;
+    uint8_t *text = readBuffer.data() + 4 - start;
+    std::memset(text + start + got, 0, size_t(n) - got);  // a short read leaves no stale bytes
     total += d.length;
     if (carry) text[0] = carryByte;
     const size_t blockLen = size_t(n) + start;
@@ -201,24 +202,17 @@ int wpGetTxtBlock(VtqBuffer &readBuffer, size_t indexSize, ConvContext *ctx, con
 
 int GetWpRtfDSET(ConvContext *ctx) {
   VtqBuffer readBuffer;
-  if (!readBuffer.alloc(kWpBufferSize)) return kNoMemory;
   InlineTexts inl;
-  for (int block = 1; block <= kMaxBlocks; ++block) {
-    uint8_t *head = readBuffer.data();
-    const int tag = ReadBlockHead(ctx, head);
+  for (int k = 1; k <= kMaxBlocks; ++k) {
+    Block block;
+    const int tag = NextBlock(ctx, readBuffer, &block);
     if (tag != kOk) return tag;
-    const int32_t l = static_cast<int32_t>(Get4wc(head, ctx));
-    long got = 0;
-    if (l > 0) {
-      got = ReadGrowing(ctx, readBuffer, 4, static_cast<uint32_t>(l));
-      if (got < 0) return kNoMemory;
-    }
-    if (l <= 0) continue;
-    if (block == kObjectTableBlock) {
-      const int r = ReadObjectTable(ctx, ByteView(readBuffer.data() + 4, size_t(got)), inl);
+    if (block.bodyLength == 0) continue;
+    if (k == kObjectTableBlock) {
+      const int r = ReadObjectTable(ctx, block.bytes.sub(4, block.bytes.size()), inl);
       if (r != kOk) return r;
-    } else if (block == kTextIndexBlock) {
-      const int r = wpGetTxtBlock(readBuffer, 4 + size_t(got), ctx, inl);
+    } else if (k == kTextIndexBlock) {
+      const int r = wpGetTxtBlock(readBuffer, block.bytes, ctx, inl);
       return r != kOk ? r : SkipCurDSET(ctx);
     }
   }
