@@ -20,14 +20,16 @@ constexpr int kHeaderTextRecords = 6;
 // byte; a short read is accepted (the next read then meets the end).
 // Reads n bytes into buf, zero-filled first; false when nothing came.
 bool ReadHeaderBytes(ConvContext *ctx, uint8_t *buf, uint32_t n);
-// Reads the fixed part of the header into buf (kHeaderBufSize bytes),
-// field by field: checks the signature, sets docKind and headerVariant.
-// False when a field brings nothing or a check fails.
-bool ReadHeaderFixedPart(ConvContext *ctx, uint8_t *buf);
-// Reads the next text record: u32 P, and when P != 0 a length byte and
-// that many bytes into buf. *text views them (empty when absent: *absent
-// is then true). False when a read brings nothing.
-bool ReadHeaderTextRecord(ConvContext *ctx, uint8_t *buf, ByteView *text, bool *absent);
+// Takes the header's text record `index` (file order) as read: its bytes
+// in the header buffer, empty when the record is absent.
+using HeaderTextFn = void (*)(void *user, int index, const ByteView &text);
+// Reads the header's fixed part into buf (kHeaderBufSize bytes), field by
+// field: checks the signature, sets docKind and headerVariant. Then reads
+// the text records (each a u32 P, and when P != 0 a length byte and that
+// many bytes), handing each to take when it is set: the property reader
+// keeps them, the driver passes them over. *lastAbsent: whether the last
+// record was absent. False when a field brings nothing or a check fails.
+bool ReadHeaderStart(ConvContext *ctx, uint8_t *buf, HeaderTextFn take, void *user, bool *lastAbsent);
 
 // ---- Blocks of a data set. ----
 // Reads 4 bytes into b, zero-filled first; false when nothing came.

@@ -223,12 +223,8 @@ class HeaderWalk {
 // Table), false at the first error.
 bool WalkHeader(ConvContext *ctx, HeaderWalk &w) {
   uint8_t *buf = w.buf();
-  if (!ReadHeaderFixedPart(ctx, buf)) return false;
-  for (int i = 0; i < kHeaderTextRecords; ++i) {
-    ByteView text;
-    bool absent;
-    if (!ReadHeaderTextRecord(ctx, buf, &text, &absent)) return false;
-  }
+  bool lastAbsent;
+  if (!ReadHeaderStart(ctx, buf, nullptr, nullptr, &lastAbsent)) return false;
   uint32_t n;
   if (!w.sizedTable(&n)) return false;  // LenDbPath
   if (!w.read(124)) return false;  // Print Table
@@ -458,27 +454,31 @@ constexpr size_t kTextRecordOffsets[kHeaderTextRecords] = {KLN_PROP_TITLE,  KLN_
                                                            KLN_PROP_AUTHOR, KLN_PROP_VERSION, KLN_PROP_KEYWORDS};
 constexpr size_t kSmallestRoom = 1028;
 
-// Converts the text into the record at `at`; a text that cannot be
-// converted leaves the field empty.
-void StoreProperty(ConvContext *ctx, uint8_t *record, size_t at, const uint8_t *text, uint32_t len) {
-  if (CodeConv(ctx, text, len, 3) != kOk) return;
+struct PropertyTarget {
+  ConvContext *ctx;
+  uint8_t *record;
+};
+
+// Converts a header text into its field of the property record; a text
+// that cannot be converted, or one of 255 bytes, leaves the field empty.
+void StoreProperty(void *user, int index, const ByteView &text) {
+  const auto *target = static_cast<const PropertyTarget *>(user);
+  ConvContext *ctx = target->ctx;
+  if (text.size() == 0 || text.size() >= 255) return;
+  if (CodeConv(ctx, text.data(), uint32_t(text.size()), 3) != kOk) return;
   const size_t n = ctx->outLen < kSmallestRoom - 1 ? ctx->outLen : kSmallestRoom - 1;
-  std::memcpy(record + at, ctx->outBuf, n);
-  record[at + n] = 0;
+  uint8_t *field = target->record + kTextRecordOffsets[index];
+  std::memcpy(field, ctx->outBuf, n);
+  field[n] = 0;
 }
 }  // namespace
 
 int GetKlnPropertyInfo(uint8_t *record, ConvContext *ctx) {
   VtqPtr<uint8_t> buf;
   if (!buf.alloc(kHeaderBufSize)) return kNoMemory;
-  if (!ReadHeaderFixedPart(ctx, buf.get())) return kFormatError;
+  PropertyTarget target{ctx, record};
   bool lastAbsent = false;
-  for (size_t at : kTextRecordOffsets) {
-    ByteView text;
-    if (!ReadHeaderTextRecord(ctx, buf.get(), &text, &lastAbsent)) return kFormatError;
-    // A text of 255 bytes is read and left empty.
-    if (text.size() > 0 && text.size() < 255) StoreProperty(ctx, record, at, text.data(), uint32_t(text.size()));
-  }
+  if (!ReadHeaderStart(ctx, buf.get(), StoreProperty, &target, &lastAbsent)) return kFormatError;
   // An absent keywords record is followed by four more bytes.
   if (lastAbsent && !ReadWord(ctx, buf.get())) return kFormatError;
   return kOk;

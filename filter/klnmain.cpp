@@ -153,7 +153,6 @@ void SetHeaderVariant(ConvContext *ctx, const uint8_t *mark) {
   else if (mark[0] == 0x04)
     ctx->headerVariant = 1;
 }
-}  // namespace
 
 bool ReadHeaderFixedPart(ConvContext *ctx, uint8_t *buf) {
   for (size_t i = 0; i < sizeof kFixedFields / sizeof kFixedFields[0]; ++i) {
@@ -177,6 +176,17 @@ bool ReadHeaderTextRecord(ConvContext *ctx, uint8_t *buf, ByteView *text, bool *
   const uint32_t len = buf[0];
   if (!ReadHeaderBytes(ctx, buf, len)) return false;
   *text = ByteView(buf, len);
+  return true;
+}
+}  // namespace
+
+bool ReadHeaderStart(ConvContext *ctx, uint8_t *buf, HeaderTextFn take, void *user, bool *lastAbsent) {
+  if (!ReadHeaderFixedPart(ctx, buf)) return false;
+  for (int i = 0; i < kHeaderTextRecords; ++i) {
+    ByteView text;
+    if (!ReadHeaderTextRecord(ctx, buf, &text, lastAbsent)) return false;
+    if (take) take(user, i, text);
+  }
   return true;
 }
 
