@@ -148,6 +148,17 @@ class EventTable final : public RowConsumer {
   VtqBuffer scratch_;       // the conversion's stripped copy
 };
 
+// Hands converted text to the host's text handler; passes it over while
+// text is only counted. false when the host stops the conversion (its
+// code is kept in ctx->eventStop).
+bool EmitText(ConvContext *ctx, const uint8_t *text, size_t n) {
+  if (ctx->countOnly || !ctx->events->text || n == 0) return true;
+  return Answer(ctx, ctx->events->text(ctx->eventUser, reinterpret_cast<const char *>(text), n)) == 0;
+}
+
+// The output stream of an events conversion: every text the conversion
+// writes (comm_write, and the runtime's extraction of an object's text)
+// reaches the host's text handler through it.
 long ForwardText(void *user, const void *data, long len) {
   return EmitText(static_cast<ConvContext *>(user), static_cast<const uint8_t *>(data), size_t(len)) ? len : 0;
 }
@@ -162,31 +173,25 @@ int EventsOf(const KlnInput &in, const KlnEventHandlers *handlers, void *user, c
   ConvContext *ctx;
   const int r = OpenTextContext(&ctx, in, options, charset, errCallback);
   if (r != kOk) return r;
-  // An object's text comes from the runtime through a stream.
-  VTQ_STREAM *objectText = VTQ_StreamCreate(ForwardText, ctx);
-  if (!objectText) {
+  VTQ_STREAM *text = VTQ_StreamCreate(ForwardText, ctx);
+  if (!text) {
     VTQ_FileClose(ctx->inFile);
     closeall(ctx);
     return kNoMemory;
   }
   ctx->streamMode = 2;
-  ctx->outStream = objectText;
+  ctx->outStream = text;
   ctx->events = &h;
   ctx->eventUser = user;
   ctx->flags |= kCtxEventMode;
   int result = RunTextConversion(ctx, ctx->inPath);
   if (ctx->eventStop != 0) result = ctx->eventStop;
-  VTQ_StreamDestroy(objectText);
+  VTQ_StreamDestroy(text);
   closeall(ctx);
   return result;
 }
 
 }  // namespace
-
-bool EmitText(ConvContext *ctx, const uint8_t *text, size_t n) {
-  if (ctx->countOnly || !ctx->events->text || n == 0) return true;
-  return Answer(ctx, ctx->events->text(ctx->eventUser, reinterpret_cast<const char *>(text), n)) == 0;
-}
 
 int EmitObjectStart(ConvContext *ctx, int64_t position, const uint8_t *data, size_t size) {
   ++ctx->objectCount;

@@ -9,11 +9,6 @@ inline bool ReportsObjects(const ConvContext *ctx) {
   return ctx->events && (ctx->events->objectStart || ctx->events->objectEnd);
 }
 
-// Hands n bytes of converted text to the host's text handler; passes them
-// over while text is only counted. false when the host stops the
-// conversion (its code is kept in ctx->eventStop).
-bool EmitText(ConvContext *ctx, const uint8_t *text, size_t n);
-
 // The start of the next embedded object (numbered from 1) with its stored
 // bytes, found at `position` of the document, and its end with the
 // extraction's result. 0 or the host's stop code.

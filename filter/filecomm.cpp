@@ -3,24 +3,18 @@
 
 #include <sys/stat.h>
 
-#include "events.h"
 #include "kln_blocks.h"
 #include "kln_conv.h"
 
 size_t comm_read(void *buf, size_t size, size_t count, VTQ_FILE *f) { return VTQ_FileRead(buf, size, count, f); }
 
 namespace {
-// Writes n bytes of outBuf to the file, the stream or the host's text
-// handler; answers the bytes written (0 on failure).
+// Writes n bytes of outBuf to the file or the stream: the host's, or the
+// one through which the events entry point hands text to the host's text
+// handler. Answers the bytes written (0 on failure).
 size_t WriteOut(ConvContext *ctx, VTQ_FILE *f, uint32_t n) {
-  switch (ctx->streamMode) {
-    case 1:
-      return VTQ_WriteStream(ctx->outStream, static_cast<long>(n), ctx->outBuf) == -1 ? 0 : n;
-    case 2:
-      return EmitText(ctx, ctx->outBuf, n) ? n : 0;
-    default:
-      return VTQ_FileWrite(ctx->outBuf, 1, n, f);
-  }
+  if (ctx->streamMode != 0) return VTQ_WriteStream(ctx->outStream, static_cast<long>(n), ctx->outBuf) == -1 ? 0 : n;
+  return VTQ_FileWrite(ctx->outBuf, 1, n, f);
 }
 }  // namespace
 
