@@ -261,9 +261,11 @@ int SkipCurBuff(ConvContext *ctx) {
 }
 
 int ReadFilePass(int32_t n, ConvContext *ctx) {
-  uint8_t b;
-  for (int32_t i = 0; i < n; ++i) {
-    if (comm_read(&b, 1, 1, ctx->inFile) < 1) return kFormatError;
+  uint8_t b[4096];
+  for (int32_t left = n; left > 0;) {
+    const size_t part = left < int32_t(sizeof b) ? size_t(left) : sizeof b;
+    if (comm_read(b, 1, part, ctx->inFile) < part) return kFormatError;
+    left -= int32_t(part);
   }
   return kOk;
 }
