@@ -1,8 +1,10 @@
-// The extended-float reader, the global header and the data-set walk.
+// The extended-float reader, the block reader, the global header and the
+// data-set walk.
 #include <gtest/gtest.h>
 
 #include <cmath>
 
+#include "kln_blocks.h"
 #include "klnfile.h"
 #include "test_support.h"
 
@@ -40,6 +42,60 @@ TEST(ByteReaders, ExtendedFloats) {
   const Bytes inf = {0x7F, 0xFF, 0x80, 0, 0, 0, 0, 0, 0, 0}, nan = {0x7F, 0xFF, 0, 0, 0, 0, 0, 0, 0, 0};
   EXPECT_TRUE(std::isinf(getfloat(inf.data(), nullptr)));
   EXPECT_TRUE(std::isnan(getfloat(nan.data(), nullptr)));
+}
+
+// ---- The block reader ----
+
+TEST(BlockReader, LengthWordsReadAsTheFramingSays) {
+  struct Case {
+    const char *name;
+    Bytes input;
+    unsigned framing;
+    int code;
+    uint32_t bodyLength;
+    size_t held;  // bytes of the view: the length word and the body read
+    size_t left;  // input bytes the read leaves
+  };
+  const Bytes abc = kln::Str("abc");
+  const Case cases[] = {
+      {"next data set", kln::Str("DSETabc"), 0, 0x9700, 0, 0, 3},
+      {"end of the data sets", kln::Str("FNTMabc"), 0, 0x9800, 0, 0, 3},
+      {"a tag as a length", kln::Str("DSETabc"), kNoTags, 0, 0x44534554, 7, 0},
+      {"negative: no body", kln::Cat({{0xFF, 0xFF, 0xFF, 0xF0}, abc}), 0, 0, 0, 4, 3},
+      {"unsigned: a long body", kln::Cat({{0xFF, 0xFF, 0xFF, 0xF0}, abc}), kUnsignedLength, 0, 0xFFFFFFF0, 7, 0},
+      {"counts itself", kln::Cat({{0, 0, 0, 9}, kln::Str("bodyXmore")}), kCountsItself, 0, 5, 9, 4},
+      {"4 or less counts only the body", kln::Cat({{0, 0, 0, 4}, abc, abc}), kCountsItself, 0, 4, 8, 2},
+      {"the body missing", {0, 0, 0, 5}, 0, 0, 5, 4, 0},
+      {"no length word", {}, 0, 3000, 0, 0, 0},
+  };
+  for (const Case &c : cases) {
+    kln::OpenedContext ctx(c.input);
+    VtqBuffer buf;
+    Block block{};
+    EXPECT_EQ(NextBlock(ctx.get(), buf, &block, c.framing), c.code) << c.name;
+    EXPECT_EQ(block.bodyLength, c.bodyLength) << c.name;
+    EXPECT_EQ(block.bytes.size(), c.held) << c.name;
+    EXPECT_EQ(block.bodyMissing(), c.bodyLength > 0 && c.held == 4) << c.name;
+    EXPECT_EQ(ctx.next(64).size(), c.left) << c.name;
+  }
+}
+
+// The buffer starts at 8192 bytes and grows to a longer body and its spare
+// byte, and for a length larger than the file no further than one read.
+TEST(BlockReader, BufferGrowsToTheBodyOnly) {
+  const Bytes body(9000, 'x');
+  kln::OpenedContext ctx(kln::Cat({kln::Block(body), {0, 0, 0, 1}, {'y'}, {0x7F, 0xFF, 0xFF, 0xFF}, Bytes(100, 'z')}));
+  VtqBuffer buf;
+  Block block{};
+  ASSERT_EQ(NextBlock(ctx.get(), buf, &block), 0);
+  EXPECT_EQ(Bytes(block.bytes.data() + 4, block.bytes.data() + block.bytes.size()), body);
+  EXPECT_EQ(buf.size(), 4 + body.size() + 1);
+  ASSERT_EQ(NextBlock(ctx.get(), buf, &block), 0);
+  EXPECT_EQ(buf.size(), 4 + body.size() + 1);  // reused
+  EXPECT_EQ(block.bytes.u8(4), 'y');
+  ASSERT_EQ(NextBlock(ctx.get(), buf, &block), 0);
+  EXPECT_EQ(block.bytes.size(), 104u);
+  EXPECT_LE(buf.size(), 4 + 65536 + 1u);
 }
 
 // ---- The global header ----
