@@ -46,9 +46,9 @@ int ReadBlockHead(ConvContext *ctx, uint8_t *head);
 // or -1 when the buffer cannot grow.
 long ReadGrowing(ConvContext *ctx, VtqBuffer &buf, size_t at, uint32_t len);
 
-// ---- The block reader. ----
-// Every reader takes its blocks through NextBlock: a length word, then a
-// body of that length. How the length word reads is given in bits; 0 is a
+// The readers take the blocks they decode through NextBlock: a length
+// word, then a body of that length; blocks they only pass over go through
+// the skips below. How the length word reads is given in bits; 0 is a
 // data set's own blocks: "DSET" and "FNTM" in place of a length end the
 // run, and a length of 0 or below (as i32) has no body.
 constexpr unsigned kNoTags = 1;          // a tag in place of a length is a length
