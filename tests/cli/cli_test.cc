@@ -120,15 +120,6 @@ TEST_F(Kln2txtTest, TextToStandardOutputIntoAFileAndFromStandardInput) {
   EXPECT_EQ(in.out, out.out);
 }
 
-// Every bundled sample converts; the tests below read their texts.
-TEST_F(Kln2txtTest, Samples) {
-  for (const char *name : {"letter", "budget", "notice", "addresses"}) {
-    const Ran r = RunIn(dir, "'" + kSamples + "/" + name + ".kln'");
-    EXPECT_EQ(r.status, 0) << name;
-    EXPECT_GT(r.out.size(), 100u) << name;
-  }
-}
-
 TEST_F(Kln2txtTest, OptionsReachTheFilter) {
   const Ran tab = Tool("--tab --no-quote --line-ends crlf budget.kln");
   EXPECT_EQ(tab.out.rfind("費目\t予算\t実績\t差額\t達成率\r\n家賃\t\\360,000\t", 0), 0u) << tab.out;
