@@ -109,7 +109,8 @@ def main():
             path, where = locate(text)
             print(f"{name:18} " + (f"{path.relative_to(ROOT)}:{where + 1}" if path else f"NOT FOUND ({where} lines)"))
         return
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(130))
+    for sig in (signal.SIGTERM, signal.SIGHUP):  # Ctrl-C raises KeyboardInterrupt; all end in `finally`
+        signal.signal(sig, lambda *_: sys.exit(130))
     chosen = [m for m in MUTANTS if not args.names or m[0] in args.names]
     if not rebuild(args.build) or killed_by(args.build):
         sys.exit("the unmutated build fails to build or to pass its tests")
@@ -136,7 +137,7 @@ def main():
         print(f"{name:18} {verdict}  [{path.relative_to(ROOT)}]", flush=True)
     rebuild(args.build)
     print(f"{len(killed)} killed of {len(chosen)}; survived: {' '.join(survived) or 'none'}"
-          + (f"; not applied: {' '.join(lost)}" if lost else ""))
+          + (f"; not applied or not built: {' '.join(lost)}" if lost else ""))
     sys.exit(1 if survived or lost else 0)
 
 
