@@ -1,7 +1,6 @@
 #include "sschange.h"
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <chrono>
 #include <cmath>
