@@ -3,29 +3,11 @@
 #include <cstdio>
 
 #include "kln2txt.h"
+#include "vtq_rt.h"
 
 namespace kln2txt {
 
-// Stray continuation bytes, overlong forms, surrogates, code points beyond
-// U+10FFFF and cut sequences start no character.
-size_t Utf8SequenceAt(const std::string &s, size_t i) {
-  const auto byte = [&](size_t k) { return k < s.size() ? static_cast<uint8_t>(s[k]) : 0u; };
-  const auto cont = [&](size_t k) { return (byte(k) & 0xC0u) == 0x80u; };
-  const uint8_t b = byte(i);
-  if (b < 0x80) return 1;
-  if (b >= 0xC2 && b <= 0xDF) return cont(i + 1) ? 2 : 0;
-  if (b >= 0xE0 && b <= 0xEF) {
-    const uint8_t b1 = byte(i + 1);
-    if ((b == 0xE0 && b1 < 0xA0) || (b == 0xED && b1 > 0x9F)) return 0;
-    return cont(i + 1) && cont(i + 2) ? 3 : 0;
-  }
-  if (b >= 0xF0 && b <= 0xF4) {
-    const uint8_t b1 = byte(i + 1);
-    if ((b == 0xF0 && b1 < 0x90) || (b == 0xF4 && b1 > 0x8F)) return 0;
-    return cont(i + 1) && cont(i + 2) && cont(i + 3) ? 4 : 0;
-  }
-  return 0;
-}
+size_t Utf8SequenceAt(const std::string &s, size_t i) { return VTQ_Utf8Length(s.data() + i, s.size() - i); }
 
 std::string JsonString(const std::string &s) {
   std::string out = "\"";

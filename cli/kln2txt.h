@@ -214,7 +214,8 @@ int RunBatch(const Settings &settings);
 
 // s as a JSON string with its quotes; bytes that are not UTF-8 become U+FFFD.
 std::string JsonString(const std::string &s);
-// Length of the well-formed UTF-8 sequence at s[i], or 0 when there is none.
+// Length of the well-formed UTF-8 sequence at s[i] (i < s.size()), or 0
+// when there is none.
 size_t Utf8SequenceAt(const std::string &s, size_t i);
 
 // The options with UTF-8 output (and no byte-order mark) in place of the

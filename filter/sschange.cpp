@@ -1,8 +1,8 @@
 #include "sschange.h"
 
 #include <algorithm>
-#include <array>
 #include <charconv>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 
@@ -314,32 +314,35 @@ const char JapanWeek[7][10] = {"\x93\xfa\x97\x6a\x93\xfa", "\x8c\x8e\x97\x6a\x93
                                "\x93\x79\x97\x6a\x93\xfa"};
 const char JWeek[7][10] = {"(\x93\xfa)", "(\x8c\x8e)", "(\x89\xce)", "(\x90\x85)",
                            "(\x96\xd8)", "(\x8b\xe0)", "(\x93\x79)"};
-const int8_t monthday[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
 
 namespace {
+namespace chr = std::chrono;
 constexpr char kMorning[] = "\x8c\xdf\x91\x4f";
 constexpr char kAfternoon[] = "\x8c\xdf\x8c\xe3";
-constexpr int64_t kDaysPer400Years = 146097;
 // Serials beyond this many days are taken as this many (about 5.8 million
-// years): the year stays within an int and the year walk stays short.
+// years): the year stays within an int.
 constexpr double kLastSerial = 2147483647.0;
+constexpr int64_t kFirstCivilSerial = 61;
+constexpr chr::sys_days kDayZero{chr::year{1899} / chr::December / 30};
+// The civil calendar repeats every 400 years; the standard calendar's
+// years end at 32767, so whole cycles are counted aside.
+constexpr int64_t kDaysPer400Years = 146097;
 
-constexpr int YearLength(int64_t y) {
-  if (y == 0) return 366;  // 1900 counts a 29 February
-  const int64_t year = 1900 + y;
-  if (year % 4 != 0) return 365;
-  return (year % 100 == 0 && year % 400 != 0) ? 365 : 366;
+struct Day {
+  int64_t year;  // years since 1900
+  int month, day;
+  bool leap;  // 1900 counts as a leap year
+};
+
+// The day of a whole serial. Before March 1900 the count has a day 0 of
+// January (serial 0) and a 29 February (serial 60).
+Day DayOf(int64_t serial) {
+  if (serial < kFirstCivilSerial) return serial <= 31 ? Day{0, 1, int(serial), true} : Day{0, 2, int(serial - 31), true};
+  const int64_t cycles = (serial - kFirstCivilSerial) / kDaysPer400Years;
+  const chr::year_month_day ymd{kDayZero + chr::days{serial - cycles * kDaysPer400Years}};
+  const int64_t year = int(ymd.year()) - 1900 + 400 * cycles;
+  return {year, int(unsigned(ymd.month())), int(unsigned(ymd.day())), year == 0 || ymd.year().is_leap()};
 }
-
-// Days before each year from 1900 up to 2400; the walk through the years
-// starts with one lookup in it.
-constexpr std::array<int64_t, 501> kDaysBefore = [] {
-  std::array<int64_t, 501> days{};
-  for (size_t y = 0; y + 1 < days.size(); ++y) days[y + 1] = days[y] + YearLength(int64_t(y));
-  return days;
-}();
-
-int MonthLength(int m, int leap) { return monthday[m] + (m == 1 ? leap : 0); }
 }  // namespace
 
 void caldate(CalDate *cd) {
@@ -348,34 +351,10 @@ void caldate(CalDate *cd) {
   cd->serial = s;
   cd->era = s < jpndate[0] ? 0 : s < jpndate[1] ? 1 : s < jpndate[2] ? 2 : 3;
   const int64_t d0 = static_cast<int64_t>(s);
-  cd->weekday = static_cast<int32_t>((d0 + 6) % 7);
-
-  int64_t d = d0, y = 0;
-  if (d0 <= kDaysBefore.back()) {
-    // The first year whose end reaches the serial: the walk below would
-    // stop there too, and the days before it come from the table.
-    y = std::lower_bound(kDaysBefore.begin() + 1, kDaysBefore.end(), d0) - kDaysBefore.begin() - 1;
-    d = d0 - kDaysBefore[size_t(y)];
-  }
-  while (d > YearLength(y)) {
-    // From 2000 on the calendar repeats every 400 years.
-    if (y >= 100 && (y - 100) % 400 == 0 && d > kDaysPer400Years) {
-      const int64_t cycles = (d - 1) / kDaysPer400Years;
-      d -= cycles * kDaysPer400Years;
-      y += cycles * 400;
-      continue;
-    }
-    d -= YearLength(y);
-    ++y;
-  }
-  int32_t year = static_cast<int32_t>(y);
-  cd->leapYear = YearLength(y) == 366 ? 1 : 0;
-  int m = 0;
-  while (m < 12 && d > MonthLength(m, cd->leapYear)) {
-    d -= MonthLength(m, cd->leapYear);
-    ++m;
-  }
-  int32_t day = static_cast<int32_t>(d);
+  // The weekdays run on unbroken through the 29 February 1900.
+  cd->weekday = static_cast<int32_t>(chr::weekday{kDayZero + chr::days{d0}}.c_encoding());
+  Day date = DayOf(d0);
+  cd->leapYear = date.leap ? 1 : 0;
 
   const double f = s - double(d0);
   const double h = 24 * f;
@@ -385,18 +364,16 @@ void caldate(CalDate *cd) {
   int32_t second = static_cast<int32_t>(60 * (mf - minute) + 0.499999);
   if (second > 59) ++minute, second -= 60;
   if (minute > 59) ++hour, minute -= 60;
-  if (hour > 23) ++day, hour -= 24;
-  if (m < 12 && day > MonthLength(m, cd->leapYear)) day -= MonthLength(m, cd->leapYear), ++m;
-  if (m > 11) ++year, m -= 12;
+  if (hour > 23) hour -= 24, date = DayOf(d0 + 1);  // rounded up to the next day's midnight
 
-  cd->year = year;
-  cd->month = m + 1;
-  cd->day = day;
+  cd->year = static_cast<int32_t>(date.year);
+  cd->month = date.month;
+  cd->day = date.day;
   cd->hour = hour;
   cd->minute = minute;
   cd->second = second;
   std::memcpy(cd->ampm, hour > 11 ? kAfternoon : kMorning, 5);
-  cd->yearInCentury = year % 100;
+  cd->yearInCentury = cd->year % 100;
 }
 
 // ==== Cell value formatting ====

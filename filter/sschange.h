@@ -35,7 +35,6 @@ void caldate(CalDate *cd);
 extern const char JapanYear[4][10], BJapanYear[4][10], JapanWeek[7][10], JWeek[7][10];
 extern const int16_t jpnyear[4];
 extern const int32_t jpndate[3];
-extern const int8_t monthday[12];
 
 // Appends the cell value formatted by its style to out at *outLen (room
 // for 49 bytes and two quotes); 0 or 3000.

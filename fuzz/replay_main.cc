@@ -7,17 +7,17 @@
 // options, and must answer a code of the result table, leave no output
 // file where the code removes it and leave no temporary file behind.
 #include <dirent.h>
-#include <stdlib.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "fuzz_common.h"
+#include "test_support.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 
@@ -39,14 +39,6 @@ bool ReadFile(const std::string &path, Bytes *bytes) {
   return true;
 }
 
-bool InTable(int code) {
-  for (int c : {KLN_OK, KLN_ERR_NOMEM, KLN_ERR_OPEN, KLN_ERR_TEXT_BLOCK, KLN_ERR_FORMAT, KLN_ERR_NO_TEXT,
-                KLN_ERR_OLE_REFUSED, KLN_ERR_SIZE_LIMIT, KLN_ERR_OLE_FAILED}) {
-    if (code == c) return true;
-  }
-  return false;
-}
-
 bool Exists(const std::string &path) {
   struct stat st;
   return stat(path.c_str(), &st) == 0;
@@ -58,7 +50,7 @@ long Discard(void *, const void *, long len) { return len; }
 // empty again after every run.
 class Mutator {
  public:
-  explicit Mutator(const std::string &tmp) : tmp_(tmp) {}
+  explicit Mutator(const kln::ScopedTmpDir *tmp) : tmp_(tmp) {}
 
   // Answers the number of failed checks over every mutant of the input.
   int run(const std::string &name, const Bytes &input) {
@@ -87,22 +79,18 @@ class Mutator {
       klnfuzz::DocFile file(doc.data(), doc.size());
       const std::string out = file.sibling(".txt");
       const int code = GetTextWithErrCallback(file.path().c_str(), out.c_str(), &in.options, &in.charset, nullptr);
-      if (!InTable(code)) failures += fail(what, "file mode gave " + std::to_string(code));
+      if (!kln::IsResultCode(code)) failures += fail(what, "file mode gave " + std::to_string(code));
       const bool removes = code == KLN_ERR_NO_TEXT || code == KLN_ERR_OLE_REFUSED || code == KLN_ERR_OLE_FAILED;
       if (removes && Exists(out)) failures += fail(what, "left its output behind");
       std::remove(out.c_str());
       VTQ_STREAM *s = VTQ_StreamCreate(Discard, nullptr);
       const int streamCode = GetTextStreamWithErrCallback(file.path().c_str(), s, &in.options, &in.charset, nullptr);
       VTQ_StreamDestroy(s);
-      if (!InTable(streamCode)) failures += fail(what, "stream mode gave " + std::to_string(streamCode));
+      if (!kln::IsResultCode(streamCode)) failures += fail(what, "stream mode gave " + std::to_string(streamCode));
     }
-    if (DIR *d = opendir(tmp_.c_str())) {
-      while (dirent *e = readdir(d)) {
-        if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
-        failures += fail(what, std::string("left the temporary file ") + e->d_name);
-        std::remove((tmp_ + "/" + e->d_name).c_str());
-      }
-      closedir(d);
+    for (const std::string &name : tmp_->leftovers()) {
+      failures += fail(what, "left the temporary file " + name);
+      std::remove((tmp_->path() + "/" + name).c_str());
     }
     return failures;
   }
@@ -112,7 +100,7 @@ class Mutator {
     return 1;
   }
 
-  std::string tmp_;
+  const kln::ScopedTmpDir *tmp_;
 };
 
 // Replays the file, or each mutant of it when mutator is set.
@@ -141,28 +129,15 @@ int Replay(const std::string &path, Mutator *mutator, int *count) {
   return failures;
 }
 
-// A fresh folder that TMPDIR names while the mutants run.
-std::string PrivateTmpDir() {
-  const char *base = std::getenv("TMPDIR");
-  std::string tmpl = std::string(base && *base ? base : "/tmp") + "/kln_mutate_XXXXXX";
-  return mkdtemp(tmpl.data()) ? tmpl : std::string();
-}
 }  // namespace
 
 int main(int argc, char **argv) {
   const bool mutate = argc > 1 && std::strcmp(argv[1], "--mutate") == 0;
-  std::string tmp;
-  if (mutate) {
-    tmp = PrivateTmpDir();
-    if (tmp.empty() || setenv("TMPDIR", tmp.c_str(), 1) != 0) {
-      std::fprintf(stderr, "cannot make a temporary folder\n");
-      return 1;
-    }
-  }
-  Mutator mutator(tmp);
+  std::optional<kln::ScopedTmpDir> tmp;  // the mutants' own TMPDIR
+  if (mutate) tmp.emplace();
+  Mutator mutator(tmp ? &*tmp : nullptr);
   int count = 0, failures = 0;
   for (int i = mutate ? 2 : 1; i < argc; ++i) failures += Replay(argv[i], mutate ? &mutator : nullptr, &count);
-  if (mutate) rmdir(tmp.c_str());
   std::printf("%s %d inputs, %d failed checks\n", mutate ? "mutated" : "replayed", count, failures);
   return failures ? 1 : 0;
 }

@@ -107,28 +107,12 @@ struct Decoder {
 const Decoder kLatin1Decoder{nullptr, nullptr, false};
 const Decoder kUtf8Decoder{nullptr, nullptr, true};
 
-// One UTF-8 sequence; overlong forms, surrogates and cut sequences are
-// invalid and take one byte.
+// One UTF-8 sequence; a byte that starts none is invalid and taken alone.
 uint32_t DecodeUtf8(const uint8_t *in, size_t n, size_t *used) {
-  const uint8_t b = in[0];
-  if (b < 0x80) return b;
-  size_t len;
-  uint32_t cp, min;
-  if ((b & 0xE0) == 0xC0) {
-    len = 2, cp = b & 0x1F, min = 0x80;
-  } else if ((b & 0xF0) == 0xE0) {
-    len = 3, cp = b & 0x0F, min = 0x800;
-  } else if ((b & 0xF8) == 0xF0) {
-    len = 4, cp = b & 0x07, min = 0x10000;
-  } else {
-    return kInvalid;
-  }
-  if (n < len) return kInvalid;
-  for (size_t i = 1; i < len; ++i) {
-    if ((in[i] & 0xC0) != 0x80) return kInvalid;
-    cp = cp << 6 | (in[i] & 0x3F);
-  }
-  if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp < 0xE000)) return kInvalid;
+  const size_t len = VTQ_Utf8Length(in, n);
+  if (len == 0) return kInvalid;
+  uint32_t cp = len == 1 ? in[0] : in[0] & (0x7Fu >> len);  // the lead byte's payload bits
+  for (size_t i = 1; i < len; ++i) cp = cp << 6 | (in[i] & 0x3F);
   *used = len;
   return cp;
 }
@@ -419,6 +403,31 @@ uint32_t IconvBoundary(const Encoder *e, const unsigned char *out, uint32_t len,
 }  // namespace
 
 extern "C" {
+
+// The second byte's range rules out overlong forms (after E0, F0),
+// surrogates (after ED) and code points beyond U+10FFFF (after F4).
+size_t VTQ_Utf8Length(const void *text, size_t n) {
+  const auto *s = static_cast<const uint8_t *>(text);
+  if (n == 0) return 0;
+  const uint8_t b = s[0];
+  if (b < 0x80) return 1;
+  size_t len;
+  uint8_t lo = 0x80, hi = 0xBF;
+  if (b >= 0xC2 && b <= 0xDF) {
+    len = 2;
+  } else if (b >= 0xE0 && b <= 0xEF) {
+    len = 3, lo = b == 0xE0 ? 0xA0 : 0x80, hi = b == 0xED ? 0x9F : 0xBF;
+  } else if (b >= 0xF0 && b <= 0xF4) {
+    len = 4, lo = b == 0xF0 ? 0x90 : 0x80, hi = b == 0xF4 ? 0x8F : 0xBF;
+  } else {
+    return 0;
+  }
+  if (n < len || s[1] < lo || s[1] > hi) return 0;
+  for (size_t i = 2; i < len; ++i) {
+    if ((s[i] & 0xC0) != 0x80) return 0;
+  }
+  return len;
+}
 
 int cconvInitConvert(CconvState *st, const CconvOptions *opt, const char *outName) {
   if (!st || !opt || !outName) return -1;

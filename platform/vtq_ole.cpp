@@ -210,10 +210,17 @@ bool LooksLikeText(const uint8_t *data, size_t len) {
   return true;
 }
 
+bool ValidUtf8(const uint8_t *text, size_t len) {
+  for (size_t i = 0, n; i < len; i += n) {
+    if ((n = VTQ_Utf8Length(text + i, len - i)) == 0) return false;
+  }
+  return true;
+}
+
 // The set a text is read in: UTF-8 when it is valid UTF-8, else
 // Windows-31J when valid, else Windows-1252 (which takes almost anything).
 const char *TextCharset(const uint8_t *text, size_t len) {
-  if (ValidIn("UTF-8", text, len)) return "UTF-8";
+  if (ValidUtf8(text, len)) return "UTF-8";
   if (ValidIn("WINDOWS-31J", text, len)) return "WINDOWS31J";
   return "WINDOWS-1252";
 }

@@ -94,6 +94,11 @@ VTQ_RT_API int VTQ_GetGroupCharWidth(const char *docName);
  * Answers the length of the copy. */
 VTQ_RT_API uint32_t VTQ_CopyStripControlCode(unsigned char *dst, const unsigned char *src,
                                              uint32_t len, int width, uint32_t dbcs);
+/* The length (1 to 4) of the well-formed UTF-8 sequence that starts
+ * text[0..n), or 0 when none does: a stray continuation byte, an overlong
+ * form, a surrogate, a code point beyond U+10FFFF or a sequence cut short
+ * (also when n is 0). */
+VTQ_RT_API size_t VTQ_Utf8Length(const void *text, size_t n);
 /* The longest prefix of converted (len bytes in options->outCharset) that
  * ends on a character boundary and is at most allowance bytes. */
 VTQ_RT_API uint32_t CutStr(const unsigned char *converted, uint32_t len, uint32_t allowance,

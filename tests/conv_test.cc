@@ -53,8 +53,23 @@ TEST(Converter, DecodesTheDocumentSets) {
       {"\xe9", "ISO-8859-1", "SHIFT_JIS", "?"},                       // not in the output set
       {"\xe9", "ISO-8859-1", "UTF-16BE", std::string("\0\xe9", 2)},
       {"\x88\x9f", "WINDOWS31J", "UTF-32", std::string("\x9c\x4e\0\0", 4)},
+      {"\xF0\x9F\x98\x80\xC3\xA9\xE0\x80z", "UTF-8", "UTF-16BE",  // an overlong form: each byte alone
+       std::string("\xD8\x3D\xDE\x00\0\xE9\xFF\xFD\xFF\xFD\0z", 12)},
   };
   for (const Case &c : cases) EXPECT_EQ(Convert(c.text, c.out, c.doc), c.expected) << c.doc << " -> " << c.out;
+}
+
+TEST(Utf8, LengthOfTheSequenceThatStartsTheText) {
+  const std::pair<std::string, size_t> cases[] = {
+      {"", 0},                  {std::string("\0", 1), 1}, {"\x7F", 1},
+      {"\x80", 0},              {"\xC1\xBF", 0},            {"\xC2\x80", 2},         // overlong below C2
+      {"\xC2", 0},              {"\xC2z", 0},               {"\xDF\xBF", 2},
+      {"\xE0\x9F\xBF", 0},      {"\xE0\xA0\x80", 3},        {"\xE6\x97", 0},         // overlong, cut short
+      {"\xED\x9F\xBF", 3},      {"\xED\xA0\x80", 0},        {"\xEF\xBF\xBFz", 3},   // surrogates
+      {"\xF0\x8F\xBF\xBF", 0},  {"\xF0\x90\x80\x80", 4},    {"\xF0\x9F\x98z", 0},
+      {"\xF4\x8F\xBF\xBF", 4},  {"\xF4\x90\x80\x80", 0},    {"\xF5\x80\x80\x80", 0},  // beyond U+10FFFF
+  };
+  for (const auto &[text, length] : cases) EXPECT_EQ(VTQ_Utf8Length(text.data(), text.size()), length) << text;
 }
 
 TEST(Converter, PiecesEndOnCharacterBoundaries) {

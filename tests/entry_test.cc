@@ -58,49 +58,6 @@ TEST(EntryPoints, NothingProducedGives3003AndRemovesOnlyInFileMode) {
   EXPECT_EQ(kln::RunStream(NotKln()).code, 3000);
 }
 
-struct LogCase {
-  const char *name;
-  uint8_t docKind;
-  bool stream;
-  const char *expectedTail;
-};
-
-TEST(EntryPoints, LogTexts) {
-  const LogCase cases[] = {
-      {"word processing, file", 1, false, "\nNow Get Global Information.\nNow Get DSET Information.\n\nVTQ_KLN FILE CLOSED."},
-      {"spreadsheet, stream", 2, true,
-       "\nNow Get Global Information.\nNow Get DSET Information.\nNow Get STYLE Information.\nNow Wrtie File "
-       "begin.\nNow Wrtie File End.\n\nVTQ_KLN FILE CLOSED."},
-  };
-  for (const LogCase &c : cases) {
-    TempDir dir;
-    Document d;
-    d.header.docKind = c.docKind;
-    d.dataSets = {kln::DataSet{}};
-    d.dataSets[0].kind = 9;  // no reader: the walk skips it and meets "FNTM"
-    d.trailer = kln::StyleChain().build();
-    const std::string in = dir.file("in.kln"), out = dir.file("out.txt");
-    kln::WriteFile(in, d.build());
-    const FilterOptions opt = kln::Options("UTF-8", KLN_FLAG_LOG);
-    const KlnCharsetInfo cs = kln::Charset();
-    int code;
-    std::string logName;
-    if (c.stream) {
-      VTQ_STREAM *s = VTQ_StreamCreateFile(stdout);
-      code = GetTextStreamWithErrCallback(in.c_str(), s, &opt, &cs, nullptr);
-      VTQ_StreamDestroy(s);
-      logName = in + ".KLN.log";
-    } else {
-      code = GetTextWithErrCallback(in.c_str(), out.c_str(), &opt, &cs, nullptr);
-      logName = out + ".KLN.log";
-    }
-    EXPECT_EQ(code, 3003) << c.name;
-    EXPECT_EQ(kln::ReadAll(logName),
-              std::string("\nVTQ_KLN FILE BEGIN:\n\nThe File Name is:\n") + in + c.expectedTail)
-        << c.name;
-  }
-}
-
 TEST(EntryPoints, LogThatCannotBeOpenedGives22) {
   TempDir dir;
   const std::string in = dir.file("in.kln");

@@ -1,8 +1,6 @@
 // The output writer: conversion, pieces, the size limit, line ends.
 #include <gtest/gtest.h>
 
-#include <thread>
-
 #include "filecomm.h"
 #include "test_support.h"
 
@@ -27,24 +25,6 @@ struct Writer {
 
 const std::string kA = "\x82\xa0";  // HIRAGANA A in the document's Windows-31J
 const std::string kI = "\x82\xa2", kU = "\x82\xa4";
-
-TEST(CommWrite, ConvertsToTheOutputSet) {
-  struct Case {
-    const char *outCharset;
-    std::string text, expected;
-  };
-  const Case cases[] = {
-      {"UTF-8", "abc" + kA + "\\", "abc\xE3\x81\x82\\"},
-      {"ISO-8859-1", "a" + kA + "b", "a?b"},
-      {"UTF-16", "a" + kA, std::string("\xFF\xFE" "a\0\x42\x30", 6)},
-  };
-  for (const Case &c : cases) {
-    Writer w(c.outCharset);
-    EXPECT_GE(w.write(c.text), 1) << c.outCharset;
-    EXPECT_EQ(w.ctx.text, c.expected) << c.outCharset;
-    EXPECT_EQ(w.ctx->totalOut, c.expected.size()) << c.outCharset;
-  }
-}
 
 TEST(CommWrite, TheTotalCountsPast4GiB) {
   Writer w;
@@ -113,39 +93,6 @@ TEST(CommWrite, LineEndChoices) {
   split.write("a\r");
   split.write("\nb");
   EXPECT_EQ(split.ctx.text, "a\r\n\r\nb");
-}
-
-TEST(CommWrite, UnknownOrStatefulOutputSetFails) {
-  for (const char *name : {"NO-SUCH-SET", "ISO-2022-JP", "UTF-7"}) {
-    Writer w(name);
-    EXPECT_LT(w.write("abc"), 1) << name;
-    EXPECT_EQ(w.ctx.text, "") << name;
-  }
-}
-
-TEST(CommWrite, ConversionsOnTwoThreadsMatchOneAfterTheOther) {
-  std::string text;
-  for (int i = 0; i < 5000; ++i) text += kA + "x\r\n" + kI + "\xff";
-  const char *sets[] = {"UTF-16", "EUC-JP"};
-  std::string alone[2], together[2];
-  for (int i = 0; i < 2; ++i) {
-    Writer w(sets[i], KLN_FLAG_LINE_LF);
-    w.write(text);
-    alone[i] = w.ctx.text;
-  }
-  std::thread threads[2];
-  for (int i = 0; i < 2; ++i) {
-    threads[i] = std::thread([&, i] {
-      for (int round = 0; round < 20; ++round) {
-        Writer w(sets[i], KLN_FLAG_LINE_LF);
-        w.write(text);
-        if (round == 0) together[i] = w.ctx.text;
-      }
-    });
-  }
-  for (std::thread &t : threads) t.join();
-  EXPECT_EQ(alone[0], together[0]);
-  EXPECT_EQ(alone[1], together[1]);
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 // Formatting cell values by their styles, and the calendar behind dates.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cmath>
 
 #include "sschange.h"
@@ -108,23 +107,6 @@ TEST(Formatting, DatesAndTimes) {
       {1, 18, 0, 0, 0, "<3000>"},
   };
   for (const FormatCase &c : cases) EXPECT_EQ(Format(c), c.expected) << c.value << " code " << int(c.code);
-}
-
-// The calendar against the civil calendar of the standard library.
-TEST(Calendar, AgreesWithTheCivilCalendar) {
-  using namespace std::chrono;
-  const sys_days base = sys_days{year{1899} / December / 30};
-  for (int serial = 367; serial < 80000; serial += 7) {  // from 1901: 1900 counts 366 days here
-    CalDate cd{};
-    cd.serial = serial;
-    caldate(&cd);
-    const year_month_day ymd{base + days{serial}};
-    ASSERT_EQ(1900 + cd.year, int(ymd.year())) << serial;
-    ASSERT_EQ(cd.month, int(unsigned(ymd.month()))) << serial;
-    ASSERT_EQ(cd.day, int(unsigned(ymd.day()))) << serial;
-    ASSERT_EQ(cd.weekday, int(weekday{base + days{serial}}.c_encoding())) << serial;
-    ASSERT_EQ(cd.leapYear, ymd.year().is_leap() ? 1 : 0) << serial;
-  }
 }
 
 TEST(Calendar, EdgesErasAndCarries) {

@@ -44,6 +44,12 @@ TEST(SpreadsheetText, FirstCellAndCellTexts) {
   EXPECT_EQ(r.text, ",,\"a\nb\",\"TRUE\"");
 }
 
+TEST(SpreadsheetText, ATextEndingInALeadByteLeavesTheSeparatorAlone) {
+  FilterOptions opt = kln::Options("UTF-8", KLN_FLAG_SEPARATOR | KLN_FLAG_NO_QUOTE);
+  opt.cellSeparator = '@';  // a trail byte, which would join the lead byte into one character
+  EXPECT_EQ(kln::RunStream(Sheet({SsCell::Text(0, 0, "x\x82"), SsCell::Int16(0, 1, 1)}), opt).text, "x\xEF\xBF\xBD@1");
+}
+
 TEST(SpreadsheetText, ManyColumnsAndRows) {
   std::vector<SsCell> cells;
   std::string expected;

@@ -41,14 +41,15 @@ Styles Load(const StyleChain &chain, uint8_t docKind = 2) {
 }
 
 TEST(StyleTable, MapsStyleNumbersToCellStyles) {
-  const StyleChain chain{{{0, 1}, {1, 0}, {5, 2}, {1, 3}}, {{0, 0, 0, 0}, {4, 2, 1, 1}, {16, 0, 0, 0}, {3, 1, 0, 0}}};
+  const StyleChain chain{{{0, 1}, {1, 0}, {5, 2}, {1, 3}, {6, 4}},
+                         {{0, 0, 0, 0}, {4, 2, 1, 1}, {16, 0, 0, 0}, {3, 1, 0, 0}}};
   const Styles s = Load(chain);
   EXPECT_EQ(s.result, 0);
   // Style 5 grows the map; the later entry for style 1 wins; unset slots read 0.
-  EXPECT_EQ(s.map, (std::vector<uint16_t>{1, 3, 0, 0, 0, 2}));
+  EXPECT_EQ(s.map, (std::vector<uint16_t>{1, 3, 0, 0, 0, 2, 4}));
   EXPECT_EQ(s.cells, (std::vector<std::array<int, 4>>{{0, 0, 0, 0}, {4, 2, 1, 1}, {16, 0, 0, 0}, {3, 1, 0, 0}}));
-  // Beyond the map: cell style 0.
-  EXPECT_EQ(s.lookups, (std::vector<int>{1, 3, 0, 0, 0, 2, 0, 0, 0, 0, 0, 0}));
+  // Beyond the map: cell style 0; beyond the cell styles: the last one.
+  EXPECT_EQ(s.lookups, (std::vector<int>{1, 3, 0, 0, 0, 2, 3, 0, 0, 0, 0, 0}));
 }
 
 TEST(StyleTable, WithoutCellRecordNothingIsFound) {

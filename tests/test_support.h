@@ -63,6 +63,7 @@ class ScopedTmpDir {
     else
       unsetenv("TMPDIR");
   }
+  const std::string &path() const { return dir_.path(); }
   std::vector<std::string> leftovers() const { return dir_.list(); }
 
  private:

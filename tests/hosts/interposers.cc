@@ -5,8 +5,8 @@
 
 struct ConvContext;
 
-extern const int8_t monthday[12];
-const int8_t monthday[12] = {1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1};
+extern const int16_t jpnyear[4];
+const int16_t jpnyear[4] = {1, 1, 1, 1};
 extern const char *const ssERR[10];
 const char *const ssERR[10] = {"host", "host", "host", "host", "host", "host", "host", "host", "host", "host"};
 double getfloat(const uint8_t *, const ConvContext *) { return 42.0; }
