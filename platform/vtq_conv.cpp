@@ -512,9 +512,9 @@ int VTQ_GetGroupCharWidth(const char *docName) {
 // Eight bytes without a control byte or DEL, the common case, are copied
 // whole; the others byte by byte.
 uint32_t VTQ_CopyStripControlCode(unsigned char *dst, const unsigned char *src, uint32_t len, int, uint32_t) {
-  static const struct Keep {
-    uint8_t keep[256];
-    Keep() {
+  static constexpr struct Keep {
+    uint8_t keep[256] = {};
+    constexpr Keep() {
       for (int b = 0; b < 256; ++b) keep[b] = (b < 0x20 ? (b == '\t' || b == '\n' || b == '\r') : b != 0x7F) ? 1 : 0;
     }
   } kKeep;
