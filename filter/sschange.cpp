@@ -692,7 +692,7 @@ int FormatCell(ConvContext *ctx, const CellNode &node, bool quote, VtqBuffer &te
   const uint16_t kind = node.kind;
   if (IsTextKind(kind)) {
     if (!node.text) return kFormatError;
-    const size_t len = std::strlen(node.text);
+    const size_t len = node.textInArena ? CellTextLength(node.text) : std::strlen(node.text);
     if (!text.grow(cell->at + len + 2)) return kNoMemory;
     uint8_t *out = text.data() + cell->at;
     size_t o = 0;
