@@ -12,6 +12,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
 #include "vtq_charset_name.h"
 #include "vtq_rt.h"
 
@@ -336,6 +340,14 @@ size_t DecodeUnit(const CconvState *st, const uint8_t *in, size_t n, uint32_t cp
   return 1;
 }
 
+constexpr uint64_t kOneBits = 0x0101010101010101u, kHighBits = 0x8080808080808080u;
+
+// Whether one of the eight bytes of w is b.
+bool HasByte(uint64_t w, uint8_t b) {
+  const uint64_t x = w ^ (b * kOneBits);
+  return ((x - kOneBits) & ~x & kHighBits) != 0;
+}
+
 // The common case of UTF-8 and ISO-8859-1 output, after the byte-order
 // mark: converts from *pos while 4 bytes of room remain, and stops before
 // the first unit that needs more care: a line end to map, a character to
@@ -350,17 +362,27 @@ void SameFormRun(const Decoder d, bool utf8, bool mapsLineEnds, const uint8_t *i
       if ((b == '\r' || b == '\n') && mapsLineEnds) break;
       out[o++] = b;
       ++p;
+      // The rest of an ASCII run eight bytes at a time.
+      while (inLen - p >= 8 && cap - o >= 8) {
+        uint64_t w;
+        std::memcpy(&w, in + p, 8);
+        if ((w & kHighBits) || (mapsLineEnds && (HasByte(w, '\r') || HasByte(w, '\n')))) break;
+        std::memcpy(out + o, &w, 8);
+        p += 8;
+        o += 8;
+      }
       continue;
     }
     if (!utf8) break;
     uint32_t cp, used = 1;
     if (d.pairs) {  // Windows-31J, inline: the text's common set
-      cp = d.single[b];
-      if (cp == kLeadByte && p + 1 < inLen && IsTrail(in[p + 1])) {
-        cp = d.pairs[uint32_t(b) << 8 | in[p + 1]];
+      cp = kW31JSingle[b];
+      if (cp == kLeadByte && p + 1 < inLen) {
+        // A second byte outside the trail range has no entry either.
+        cp = kW31JPairs[uint32_t(b) << 8 | in[p + 1]];
         used = 2;
       }
-      if (cp >= kLeadByte) break;  // no character
+      if (cp >= kLeadByte) break;  // no character (or no pair): the general path
     } else {
       size_t n;
       cp = DecodeChar(d, in + p, inLen - p, &n);
@@ -509,8 +531,8 @@ int VTQ_GetGroupCharWidth(const char *docName) {
 
 // A control byte of the text stands alone even after a lead byte: no
 // control byte is a valid second byte, so the lead bytes need no care.
-// Eight bytes without a control byte or DEL, the common case, are copied
-// whole; the others byte by byte.
+// Sixteen bytes with nothing to drop, the common case, are copied whole;
+// the others byte by byte.
 uint32_t VTQ_CopyStripControlCode(unsigned char *dst, const unsigned char *src, uint32_t len, int, uint32_t) {
   static constexpr struct Keep {
     uint8_t keep[256] = {};
@@ -518,29 +540,29 @@ uint32_t VTQ_CopyStripControlCode(unsigned char *dst, const unsigned char *src, 
       for (int b = 0; b < 256; ++b) keep[b] = (b < 0x20 ? (b == '\t' || b == '\n' || b == '\r') : b != 0x7F) ? 1 : 0;
     }
   } kKeep;
-  constexpr uint64_t kOnes = 0x0101010101010101u, kHighs = 0x8080808080808080u;
   uint32_t i = 0, j = 0;
-  while (i < len) {
-    if (len - i >= 8) {
-      uint64_t w;
-      std::memcpy(&w, src + i, 8);
-      // A byte below 0x20, or one equal to 0x7F, sets its high bit here.
-      const uint64_t del = w ^ (0x7F * kOnes);
-      if ((((w - 0x20 * kOnes) & ~w) | ((del - kOnes) & ~del)) & kHighs) {
-        for (const uint32_t end = i + 8; i < end; ++i) {
-          dst[j] = src[i];
-          j += kKeep.keep[src[i]];
-        }
-      } else {
-        std::memcpy(dst + j, &w, 8);
-        i += 8;
-        j += 8;
-      }
+#ifdef __SSE2__
+  for (; len - i >= 16; i += 16) {
+    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + i));
+    const __m128i control = _mm_cmpeq_epi8(_mm_min_epu8(v, _mm_set1_epi8(0x1F)), v);
+    const __m128i kept = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, _mm_set1_epi8('\t')),
+                                                   _mm_cmpeq_epi8(v, _mm_set1_epi8('\n'))),
+                                      _mm_cmpeq_epi8(v, _mm_set1_epi8('\r')));
+    const __m128i drop = _mm_or_si128(_mm_andnot_si128(kept, control), _mm_cmpeq_epi8(v, _mm_set1_epi8(0x7F)));
+    if (_mm_movemask_epi8(drop) == 0) {
+      _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + j), v);
+      j += 16;
       continue;
     }
+    for (uint32_t k = i; k < i + 16; ++k) {
+      dst[j] = src[k];
+      j += kKeep.keep[src[k]];
+    }
+  }
+#endif
+  for (; i < len; ++i) {
     dst[j] = src[i];
     j += kKeep.keep[src[i]];
-    ++i;
   }
   return j;
 }
