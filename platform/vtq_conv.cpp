@@ -9,6 +9,7 @@
 #include <errno.h>
 #include <iconv.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -348,6 +349,36 @@ bool HasByte(uint64_t w, uint8_t b) {
   return ((x - kOneBits) & ~x & kHighBits) != 0;
 }
 
+// Windows-31J into UTF-8, the bulk of a piece: converts from *p while
+// *p < end and stops where SameFormRun would. The caller's end leaves a
+// pair's second byte in the input and three bytes of output per input
+// byte, the most a character takes, so the loop needs no other check.
+void W31JToUtf8(const uint8_t *in, uint32_t *p, uint32_t end, bool mapsLineEnds, uint8_t *out, uint32_t *o) {
+  uint32_t i = *p, k = *o;
+  while (i < end) {
+    const uint8_t b = in[i];
+    if (b < 0x80) {
+      if ((b == '\r' || b == '\n') && mapsLineEnds) break;
+      out[k++] = b;
+      ++i;
+      continue;
+    }
+    uint32_t cp = kW31JSingle[b], used = 1;
+    if (cp == kLeadByte) {
+      cp = kW31JPairs[uint32_t(b) << 8 | in[i + 1]];
+      used = 2;
+    }
+    if (cp < 0x800 || (cp >= 0xD800 && cp < 0xE000) || cp >= kLeadByte) break;
+    out[k] = static_cast<uint8_t>(0xE0 | cp >> 12);
+    out[k + 1] = static_cast<uint8_t>(0x80 | ((cp >> 6) & 0x3F));
+    out[k + 2] = static_cast<uint8_t>(0x80 | (cp & 0x3F));
+    k += 3;
+    i += used;
+  }
+  *p = i;
+  *o = k;
+}
+
 // The common case of UTF-8 and ISO-8859-1 output, after the byte-order
 // mark: converts from *pos while 4 bytes of room remain, and stops before
 // the first unit that needs more care: a line end to map, a character to
@@ -356,6 +387,8 @@ bool HasByte(uint64_t w, uint8_t b) {
 void SameFormRun(const Decoder d, bool utf8, bool mapsLineEnds, const uint8_t *in, uint32_t inLen, uint32_t *pos,
                  uint8_t *out, uint32_t cap, uint32_t *outLen) {
   uint32_t p = *pos, o = *outLen;
+  if (utf8 && d.pairs && inLen - p > 1 && cap - o >= 6)
+    W31JToUtf8(in, &p, p + std::min(inLen - p - 1, (cap - o) / 3 - 1), mapsLineEnds, out, &o);
   while (p < inLen && cap - o >= 4) {
     const uint8_t b = in[p];
     if (b < 0x80) {  // the same byte in both forms, in every document set
