@@ -364,7 +364,7 @@ void W31JToUtf8(const uint8_t *in, uint32_t *p, uint32_t end, bool mapsLineEnds,
       continue;
     }
     uint32_t cp = kW31JSingle[b], used = 1;
-    if (cp == kLeadByte) {
+    if (cp == kLeadByte) {  // a second byte outside the trail range has no entry either
       cp = kW31JPairs[uint32_t(b) << 8 | in[i + 1]];
       used = 2;
     }
@@ -387,7 +387,7 @@ void W31JToUtf8(const uint8_t *in, uint32_t *p, uint32_t end, bool mapsLineEnds,
 void SameFormRun(const Decoder d, bool utf8, bool mapsLineEnds, const uint8_t *in, uint32_t inLen, uint32_t *pos,
                  uint8_t *out, uint32_t cap, uint32_t *outLen) {
   uint32_t p = *pos, o = *outLen;
-  if (utf8 && d.pairs && inLen - p > 1 && cap - o >= 6)
+  if (utf8 && d.pairs == kW31JPairs && inLen - p > 1 && cap - o >= 6)
     W31JToUtf8(in, &p, p + std::min(inLen - p - 1, (cap - o) / 3 - 1), mapsLineEnds, out, &o);
   while (p < inLen && cap - o >= 4) {
     const uint8_t b = in[p];
@@ -407,20 +407,8 @@ void SameFormRun(const Decoder d, bool utf8, bool mapsLineEnds, const uint8_t *i
       continue;
     }
     if (!utf8) break;
-    uint32_t cp, used = 1;
-    if (d.pairs) {  // Windows-31J, inline: the text's common set
-      cp = kW31JSingle[b];
-      if (cp == kLeadByte && p + 1 < inLen) {
-        // A second byte outside the trail range has no entry either.
-        cp = kW31JPairs[uint32_t(b) << 8 | in[p + 1]];
-        used = 2;
-      }
-      if (cp >= kLeadByte) break;  // no character (or no pair): the general path
-    } else {
-      size_t n;
-      cp = DecodeChar(d, in + p, inLen - p, &n);
-      used = static_cast<uint32_t>(n);
-    }
+    size_t used;
+    const uint32_t cp = DecodeChar(d, in + p, inLen - p, &used);
     if (cp < 0x80) {
       out[o++] = static_cast<uint8_t>(cp);
     } else if (cp < 0x800) {
@@ -435,7 +423,7 @@ void SameFormRun(const Decoder d, bool utf8, bool mapsLineEnds, const uint8_t *i
     } else {
       break;  // no character, or one of 4 bytes
     }
-    p += used;
+    p += static_cast<uint32_t>(used);
   }
   *pos = p;
   *outLen = o;
