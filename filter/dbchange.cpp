@@ -224,32 +224,35 @@ int ValueNumber(const ByteView &value, const ConvContext *ctx, double *out) {
   return kOk;
 }
 
-// The value's n bytes of text as the cell's text; 3000 when they run past
-// the chunk, 12 when out of memory.
-int ValueText(const ByteView &value, size_t n, CellNode *cell) {
-  if (!value.has(kValueDataAt, n)) return kFormatError;
-  cell->text = OwnedText(value, kValueDataAt, n);
+// The cell's text: n bytes of v from `at`, in the table's text arena.
+int CellText(ConvContext *ctx, const ByteView &v, size_t at, size_t n, CellNode *cell) {
+  cell->text = NewCellText(ctx, v, at, n);
   return cell->text ? kOk : kNoMemory;
 }
 
-int FixedText(const char *text, CellNode *cell) {
+// The value's n bytes of text as the cell's text; 3000 when they run past
+// the chunk, 12 when out of memory.
+int ValueText(ConvContext *ctx, const ByteView &value, size_t n, CellNode *cell) {
+  if (!value.has(kValueDataAt, n)) return kFormatError;
+  return CellText(ctx, value, kValueDataAt, n, cell);
+}
+
+int FixedText(ConvContext *ctx, const char *text, CellNode *cell) {
   const size_t n = std::strlen(text);
-  cell->text = OwnedText(ByteView(reinterpret_cast<const uint8_t *>(text), n), 0, n);
-  return cell->text ? kOk : kNoMemory;
+  return CellText(ctx, ByteView(reinterpret_cast<const uint8_t *>(text), n), 0, n, cell);
 }
 
 // The n-th entry (from 1) of a choice field's list as the cell's text; no
 // such entry leaves the cell without text.
-int ChoiceText(const DbField &f, const DbChoiceList &choices, double number, CellNode *cell) {
+int ChoiceText(ConvContext *ctx, const DbField &f, const DbChoiceList &choices, double number, CellNode *cell) {
   const double n = std::trunc(number);  // a fraction is cut toward zero
   if (!(n >= 1.0 && n <= double(choices.count))) return kOk;
   const uint32_t at = choices.starts[size_t(n) - 1];
   const ByteView extra(f.extra, size_t(f.extraLen));
-  cell->text = OwnedText(extra, at + 1, extra.u8(at));
-  return cell->text ? kOk : kNoMemory;
+  return CellText(ctx, extra, at + 1, extra.u8(at), cell);
 }
 
-int ComputedValue(const DbField &f, const ByteView &value, CellNode *cell, const ConvContext *ctx) {
+int ComputedValue(const DbField &f, const ByteView &value, CellNode *cell, ConvContext *ctx) {
   if (value.u8(kValueFlagsAt) & kFlagNumericResult) {
     const int r = ValueNumber(value, ctx, &cell->value);
     if (r != kOk) return r;
@@ -271,8 +274,8 @@ int ComputedValue(const DbField &f, const ByteView &value, CellNode *cell, const
   }
   cell->kind = kText;
   // A result too small to hold a text is the formula's error.
-  if (value.u16(kValueSizeAt) <= 2) return FixedText("#ERROR!", cell);
-  return ValueText(value, value.u8(kValueTextLenAt), cell);
+  if (value.u16(kValueSizeAt) <= 2) return FixedText(ctx, "#ERROR!", cell);
+  return ValueText(ctx, value, value.u8(kValueTextLenAt), cell);
 }
 }  // namespace
 
@@ -303,7 +306,7 @@ int GetDBBody(const ByteView &value, CellNode *cell, ConvContext *ctx, const DbC
       const size_t len = value.u8(kValueTextLenAt) + ((value.u8(kValueFlagsAt) & kFlagLengthBit8) ? 256 : 0);
       if (len == 0) return kDbNoValue;
       cell->kind = kText;
-      return ValueText(value, len, cell);
+      return ValueText(ctx, value, len, cell);
     }
     case kNumberField:
     case kDateField:
@@ -318,14 +321,14 @@ int GetDBBody(const ByteView &value, CellNode *cell, ConvContext *ctx, const DbC
       cell->kind = kText;
       if (f.extraLen <= 4) return kFormatError;  // no list
       r = ValueNumber(value, ctx, &number);
-      return r != kOk ? r : ChoiceText(f, choices, number, cell);
+      return r != kOk ? r : ChoiceText(ctx, f, choices, number, cell);
     case kYesNoField:
       cell->kind = kText;
       r = ValueNumber(value, ctx, &number);
       if (r != kOk) return r;
       number = std::trunc(number);
       if (number != 0.0 && number != 1.0) return kFormatError;
-      return FixedText(number == 0.0 ? "0" : "1", cell) == kOk ? kOk : kFormatError;
+      return FixedText(ctx, number == 0.0 ? "0" : "1", cell) == kOk ? kOk : kFormatError;
     case kComputedField:
     case kComputedField2:
       return ComputedValue(f, value, cell, ctx);
@@ -371,11 +374,7 @@ DbHeldValues::Entry *DbHeldValues::find(uint16_t record) const {
 }
 
 void DbHeldValues::clear() {
-  for (size_t i = 0; i < count_; ++i) {
-    Entry &e = entries_[i];
-    if (!e.textGiven) VTQ_free(e.cell.text);
-    byRecord_[e.cell.row] = 0;
-  }
+  for (size_t i = 0; i < count_; ++i) byRecord_[entries_[i].cell.row] = 0;
   count_ = 0;
 }
 
@@ -397,10 +396,7 @@ int dbGetCellData2(const ByteView &chunk, ConvContext *ctx, uint16_t column, uin
     e.cell.column = column;
     const int r = GetDBBody(chunk.sub(off, chunk.size()), &e.cell, ctx, choices);
     if (r == kDbNoValue) continue;
-    if (r != kOk) {
-      VTQ_free(e.cell.text);
-      return r;
-    }
+    if (r != kOk) return r;
     e.cell.present = 1;
     held.keep();
   }
@@ -420,12 +416,10 @@ int dbGetCellData(ConvContext *ctx, CellNode *head, uint16_t column, const uint1
     node->column = column;
     node->value = e->cell.value;
     node->kind = e->cell.kind;
-    node->text = e->cell.text;
-    // A record the list shows again shares the text of its first row.
-    node->textShared = e->textGiven && e->cell.text;
+    node->text = e->cell.text;  // a record the list shows again shares it
+    node->textInArena = 1;
     node->present = 1;
     node->nextInColumn = fresh;  // a head keeps its nextColumn
-    e->textGiven = true;
     node = fresh;
   }
   return kOk;

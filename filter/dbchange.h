@@ -50,13 +50,12 @@ int GetDBBody(const ByteView &value, CellNode *cell, ConvContext *ctx, const DbC
 
 // The values of one column, keyed by record number from their chunk and
 // slot, held from the column's first chunk until it is placed in
-// record-list order. Owns the entries and their texts until a cell takes
-// them.
+// record-list order. Owns the entries; their texts are in the table's
+// text arena.
 class DbHeldValues {
  public:
   struct Entry {
-    CellNode cell;      // row: the record number; column: the field
-    bool textGiven;     // the text now belongs to a cell of the table
+    CellNode cell;  // row: the record number; column: the field
   };
   DbHeldValues() = default;
   DbHeldValues(const DbHeldValues &) = delete;
@@ -74,7 +73,7 @@ class DbHeldValues {
   // The entry of a record number, or null when it has no value.
   Entry *find(uint16_t record) const;
   size_t count() const { return count_; }
-  // Frees the texts no cell took and forgets every entry.
+  // Forgets every entry.
   void clear();
 
  private:
@@ -93,6 +92,6 @@ int dbGetCellData2(const ByteView &chunk, ConvContext *ctx, uint16_t column, uin
 // Places the held values of one column at the end of the chain that
 // starts at `head`: row firstRow + i takes the value of records[i], rows
 // ascending; a record without a value gets no cell. A record shown in
-// several rows places its text once; the other rows share it. 0 or 12.
+// several rows shares one copy of its text. 0 or 12.
 int dbGetCellData(ConvContext *ctx, CellNode *head, uint16_t column, const uint16_t *records, uint32_t recordCount,
                   uint32_t firstRow, DbHeldValues &held);

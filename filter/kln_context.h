@@ -43,11 +43,11 @@ struct CellNode {
   uint16_t style;
   uint8_t kind;
   uint8_t present : 1;
-  // The text belongs to another cell of the table: a record shown in
-  // several rows keeps one copy of its text, whatever the rows.
-  uint8_t textShared : 1;
+  // The text lives in the table's text arena (see NewCellText) and is
+  // released with it; a record shown in several rows keeps one copy.
+  uint8_t textInArena : 1;
   double value;
-  char *text;  // owned, unless textShared
+  char *text;  // owned, unless textInArena
   CellNode *nextColumn;
   CellNode *nextInColumn;
 };
@@ -57,6 +57,13 @@ struct CellNode {
 struct CellBlock {
   CellBlock *next;
   size_t size;  // nodes in the block
+};
+
+// A chunk of the table's text arena; its bytes follow the record.
+struct TextChunk {
+  TextChunk *next;
+  size_t size;  // bytes in the chunk
+  size_t used;
 };
 
 struct CellStyle {
@@ -121,6 +128,7 @@ struct ConvContext {
   CellNode *cells;
   CellBlock *cellBlocks;  // newest first; its nodes from cellsUsed on are free
   size_t cellsUsed;
+  TextChunk *cellTexts;  // the text arena, the chunk being filled first
   uint8_t *stripBuf;  // the stripped copy of written text, kept from write to write
   size_t stripSize;
   CellStyle *cellStyles;
@@ -246,4 +254,14 @@ void FreeDbFields(ConvContext *ctx);
 void FreeCellTable(ConvContext *ctx);
 // A zeroed node of the CellTable; null when out of memory.
 CellNode *NewCellNode(ConvContext *ctx);
+// A copy of v's n bytes from `at` (zeros beyond its end) as a cell text
+// from the table's arena: NUL-terminated, with its length in the four
+// bytes before it, released with the table. Null when out of memory.
+char *NewCellText(ConvContext *ctx, const ByteView &v, size_t at, size_t n);
+// The length of a text from NewCellText.
+inline size_t CellTextLength(const char *text) {
+  uint32_t n;
+  std::memcpy(&n, text - 4, 4);
+  return n;
+}
 

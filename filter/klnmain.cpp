@@ -61,12 +61,48 @@ CellNode *NewCellNode(ConvContext *ctx) {
   return node;
 }
 
+namespace {
+// Arena chunks of 64 KiB (texts are far shorter: a chunk's unused tail is
+// small).
+constexpr size_t kTextChunk = 65536;
+
+uint8_t *ChunkBytes(TextChunk *chunk) { return reinterpret_cast<uint8_t *>(chunk + 1); }
+}  // namespace
+
+char *NewCellText(ConvContext *ctx, const ByteView &v, size_t at, size_t n) {
+  const size_t need = 4 + n + 1;
+  TextChunk *chunk = ctx->cellTexts;
+  if (!chunk || chunk->size - chunk->used < need) {
+    const size_t size = std::max(need, kTextChunk);
+    auto *fresh = static_cast<TextChunk *>(VTQ_malloc(sizeof(TextChunk) + size));
+    if (!fresh) return nullptr;
+    *fresh = TextChunk{chunk, size, 0};
+    ctx->cellTexts = chunk = fresh;
+  }
+  uint8_t *at4 = ChunkBytes(chunk) + chunk->used;
+  const uint32_t len = static_cast<uint32_t>(n);
+  std::memcpy(at4, &len, 4);
+  if (n > 0 && v.has(at, n))
+    std::memcpy(at4 + 4, v.data() + at, n);
+  else
+    v.copy(at, at4 + 4, n);
+  at4[4 + n] = 0;
+  chunk->used += need;
+  return reinterpret_cast<char *>(at4 + 4);
+}
+
 void FreeCellTable(ConvContext *ctx) {
   for (const CellNode *column = ctx->cells; column; column = column->nextColumn) {
     for (const CellNode *node = column; node; node = node->nextInColumn) {
-      if (!node->textShared) VTQ_free(node->text);
+      if (!node->textInArena) VTQ_free(node->text);
     }
   }
+  for (TextChunk *chunk = ctx->cellTexts; chunk;) {
+    TextChunk *next = chunk->next;
+    VTQ_free(chunk);
+    chunk = next;
+  }
+  ctx->cellTexts = nullptr;
   for (CellBlock *block = ctx->cellBlocks; block;) {
     CellBlock *next = block->next;
     VTQ_free(block);

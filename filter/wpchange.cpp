@@ -4,6 +4,10 @@
 #include "filecomm.h"
 #include "kln_blocks.h"
 
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
 // ==== Word-processing text ====
 //
 // A word-processing data set is a run of blocks: two blocks this reader
@@ -88,31 +92,100 @@ struct TextBlockDesc {
   int16_t length;
 };
 
+// What a text byte stands for: 1, 11 and 12 end a line, 2..9 are layout
+// bytes shown as a space (6 too, where no inline text takes its place).
+uint8_t Control(uint8_t b) {
+  if (b == 1 || b == 11 || b == 12) return 13;
+  return b >= 2 && b <= 9 ? ' ' : b;
+}
+
+// The lead bytes in a row just before bit p of a 16-byte chunk, counted
+// from where a character begins (notLead: the bytes that are no lead).
+int LeadRun(unsigned notLead, int p, bool midPair) {
+  const unsigned below = notLead & ((1u << p) - 1);
+  if (below) return p - 1 - (31 - __builtin_clz(below));
+  return p - (midPair ? 1 : 0);
+}
+
+#ifdef __SSE2__
+// Bit i set for each of the 16 bytes at p that lies in [lo, hi].
+unsigned BytesIn(__m128i v, uint8_t lo, uint8_t hi) {
+  const __m128i off = _mm_sub_epi8(v, _mm_set1_epi8(static_cast<char>(lo)));
+  const __m128i in = _mm_cmpeq_epi8(_mm_min_epu8(off, _mm_set1_epi8(static_cast<char>(hi - lo))), off);
+  return static_cast<unsigned>(_mm_movemask_epi8(in));
+}
+
+// Of `bits` (bytes of a 16-byte chunk, no lead byte among them), those
+// that begin a character. After a byte that is no lead byte a character
+// begins; before it, a run of lead bytes alternates lead and second byte.
+// midPair: the chunk's first byte is the second of a pair.
+unsigned AtCharStart(unsigned bits, unsigned notLead, bool midPair) {
+  unsigned starts = 0;
+  for (; bits; bits &= bits - 1) {
+    const int p = __builtin_ctz(bits);
+    if (LeadRun(notLead, p, midPair) % 2 == 0) starts |= 1u << p;
+  }
+  return starts;
+}
+#endif
+
 // The text of one block: control bytes translated, inline texts in place
 // of their anchors, double-byte characters whole.
 class BlockTranslator {
  public:
   BlockTranslator(const InlineTexts &inl, int *nextInline) : inl_(inl), next_(nextInline) {}
 
-  // Translates in[0..n) into out; answers the output length. *pastEnd says
-  // whether the last character was a lead byte in the last position.
+  // Translates in[0..n) into out (room for n bytes and the inline texts);
+  // answers the output length. *pastEnd says whether the last character
+  // was a lead byte in the last position. A block of one byte has no pair.
   size_t run(const uint8_t *in, size_t n, uint8_t *out, bool *pastEnd) const {
     size_t o = 0;
     size_t j = 0;
     *pastEnd = false;
-    while (j < n) {
+#ifdef __SSE2__
+    // Sixteen bytes at a time, copied whole, then the layout and line-end
+    // bytes that begin a character replaced; a chunk with an inline text's
+    // anchor goes byte by byte. At least one byte is left to the end.
+    bool midPair = false;
+    while (n - j > 16) {
+      const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(in + j));
+      const unsigned controls = BytesIn(v, 1, 12) & ~BytesIn(v, 10, 10);
+      if (inl_.count > 0 && (controls & BytesIn(v, 6, 6))) {
+        if (midPair) out[o++] = in[j++];
+        byteByByte(in, n, j, j + 16, out, o, pastEnd);
+        midPair = false;
+        continue;
+      }
+      const unsigned notLead = ~(BytesIn(v, 0x81, 0x9F) | BytesIn(v, 0xE0, 0xFF)) & 0xFFFF;
+      _mm_storeu_si128(reinterpret_cast<__m128i *>(out + o), v);
+      for (unsigned m = AtCharStart(controls, notLead, midPair); m; m &= m - 1) {
+        const int p = __builtin_ctz(m);
+        out[o + p] = Control(in[j + p]);
+      }
+      midPair = LeadRun(notLead, 16, midPair) % 2 == 1;
+      o += 16;
+      j += 16;
+    }
+    if (midPair) out[o++] = in[j++];
+#endif
+    byteByByte(in, n, j, n, out, o, pastEnd);
+    return o;
+  }
+
+ private:
+  // Translates the characters that begin in in[j..stop) at out[o]; a pair
+  // may take the byte at stop. Moves j and o on.
+  void byteByByte(const uint8_t *in, size_t n, size_t &j, size_t stop, uint8_t *out, size_t &o,
+                  bool *pastEnd) const {
+    while (j < stop) {
       const uint8_t b = in[j];
-      if (b == 1 || b == 11 || b == 12) {
-        out[o++] = 13;
-      } else if (b == 6 && inl_.count > 0) {
+      if (b == 6 && inl_.count > 0) {
         if (*next_ < inl_.count) {
           const uint32_t len = inl_.lengths[size_t(*next_)];
           std::memcpy(out + o, inl_.text(*next_), len);
           o += len;
           ++*next_;
         }
-      } else if (b >= 2 && b <= 9) {
-        out[o++] = ' ';
       } else if (IsLead(b) && n > 1) {
         out[o++] = b;
         out[o++] = j + 1 < n ? in[j + 1] : 0;
@@ -120,14 +193,12 @@ class BlockTranslator {
         j += 2;
         continue;
       } else {
-        out[o++] = b;
+        out[o++] = Control(b);
       }
       ++j;
     }
-    return o;
   }
 
- private:
   const InlineTexts &inl_;
   int *next_;
 };

@@ -1,17 +1,21 @@
-// Character conversion on iconv.
+// Character conversion.
 //
 // Document text (Windows-31J or ISO-8859-1; embedded texts also UTF-8 or
-// Windows-1252) is decoded to code points
-// through a table that iconv fills once per process; the code points are
-// encoded by hand for the UTF forms and ISO-8859-1, and through iconv for
-// every other output set. The filter sets a converter up for every write,
-// so converters are cached per thread by output set.
+// Windows-1252) is decoded to code points through tables made from iconv
+// at build time; the code points are encoded by hand for the UTF forms and
+// ISO-8859-1, and through iconv for every other output set. The filter
+// sets a converter up for every write, so converters are cached per thread
+// by output set.
 #include <errno.h>
 #include <iconv.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
+
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
 
 #include "vtq_charset_name.h"
 #include "vtq_rt.h"
@@ -19,95 +23,36 @@
 namespace {
 
 constexpr uint32_t kInvalid = 0xFFFFFFFFu;  // no character of the set
-constexpr uint32_t kLead = 0xFFFFFFFEu;     // first byte of a two-byte character
 constexpr uint32_t kReplacement = 0xFFFD;
-
-bool IsTrail(uint8_t b) { return (b >= 0x40 && b <= 0x7E) || (b >= 0x80 && b <= 0xFC); }
-
-// iconv knows the document set by its registered name.
-const char *IconvName(const char *name) { return std::strcmp(name, "WINDOWS31J") == 0 ? "WINDOWS-31J" : name; }
 
 // ---- Decoding the document set ----
 
-// Windows-31J: one entry per single byte and one per lead/trail pair.
-struct Windows31JTable {
-  uint32_t single[256];
-  uint32_t pair[65536];  // (lead << 8) | trail
-};
+// kW31JSingle, kW31JPairs ((lead << 8) | trail) and kCp1252: 16-bit code
+// points, kNoChar for no character, kLeadByte for a byte that only begins
+// one.
+#include "vtq_decode_tables.inc"
+constexpr uint16_t kNoChar = 0xFFFF;
+constexpr uint16_t kLeadByte = 0xFFFE;
 
-// Converts bytes with cd into one UTF-32LE code point; kInvalid when the
-// bytes are no whole character, kLead when they are only its beginning.
-uint32_t DecodeOne(iconv_t cd, const uint8_t *bytes, size_t n) {
-  iconv(cd, nullptr, nullptr, nullptr, nullptr);
-  char *in = reinterpret_cast<char *>(const_cast<uint8_t *>(bytes));
-  uint8_t out[8];
-  char *o = reinterpret_cast<char *>(out);
-  size_t inLeft = n, outLeft = sizeof out;
-  if (iconv(cd, &in, &inLeft, &o, &outLeft) == size_t(-1)) return errno == EINVAL ? kLead : kInvalid;
-  if (inLeft != 0 || sizeof out - outLeft != 4) return kInvalid;
-  return uint32_t(out[0]) | uint32_t(out[1]) << 8 | uint32_t(out[2]) << 16 | uint32_t(out[3]) << 24;
-}
+bool IsTrail(uint8_t b) { return (b >= 0x40 && b <= 0x7E) || (b >= 0x80 && b <= 0xFC); }
 
-const Windows31JTable *Windows31J() {
-  static Windows31JTable *table = nullptr;
-  static std::once_flag once;
-  std::call_once(once, [] {
-    auto *t = static_cast<Windows31JTable *>(std::malloc(sizeof(Windows31JTable)));
-    iconv_t cd = iconv_open("UTF-32LE", "WINDOWS-31J");
-    if (!t || cd == iconv_t(-1)) {
-      std::free(t);
-      return;
-    }
-    for (uint32_t &v : t->pair) v = kInvalid;
-    for (int b = 0; b < 256; ++b) {
-      const uint8_t byte = static_cast<uint8_t>(b);
-      t->single[b] = b < 0x80 ? uint32_t(b) : DecodeOne(cd, &byte, 1);
-      if (t->single[b] != kLead) continue;
-      for (int trail = 0x40; trail <= 0xFC; ++trail) {
-        const uint8_t two[2] = {byte, static_cast<uint8_t>(trail)};
-        if (IsTrail(two[1])) {
-          const uint32_t cp = DecodeOne(cd, two, 2);
-          t->pair[(b << 8) | trail] = cp == kLead ? kInvalid : cp;
-        }
-      }
-    }
-    iconv_close(cd);
-    table = t;
-  });
-  return table;
-}
-
-// Windows-1252, for embedded texts that are neither UTF-8 nor Windows-31J;
-// its five unassigned bytes stay invalid.
-const uint32_t *Windows1252() {
-  static uint32_t table[256];
-  static bool ok = false;
-  static std::once_flag once;
-  std::call_once(once, [] {
-    iconv_t cd = iconv_open("UTF-32LE", "WINDOWS-1252");
-    if (cd == iconv_t(-1)) return;
-    for (int b = 0; b < 256; ++b) {
-      const uint8_t byte = static_cast<uint8_t>(b);
-      const uint32_t cp = b < 0x80 ? uint32_t(b) : DecodeOne(cd, &byte, 1);
-      table[b] = cp == kLead ? kInvalid : cp;
-    }
-    iconv_close(cd);
-    ok = true;
-  });
-  return ok ? table : nullptr;
-}
-
-// The document's decoder: the table for Windows-31J, a byte table for
-// Windows-1252, UTF-8 by hand, and bytes as code points for ISO-8859-1.
+// The document's decoder: byte and pair tables for Windows-31J, a byte
+// table for Windows-1252, UTF-8 by hand, and bytes as code points for
+// ISO-8859-1.
 struct Decoder {
-  const Windows31JTable *w31j;
-  const uint32_t *single;
+  const uint16_t *single;
+  const uint16_t *pairs;
   bool utf8;
 };
+const Decoder kW31JDecoder{kW31JSingle, kW31JPairs, false};
+const Decoder kCp1252Decoder{kCp1252, nullptr, false};
 const Decoder kLatin1Decoder{nullptr, nullptr, false};
 const Decoder kUtf8Decoder{nullptr, nullptr, true};
 
-// One UTF-8 sequence; a byte that starts none is invalid and taken alone.
+uint32_t FromTable(uint16_t v) { return v == kNoChar ? kInvalid : v; }
+
+// One UTF-8 sequence as VTQ_Utf8Length judges it; a byte that starts no
+// valid sequence is invalid and taken alone.
 uint32_t DecodeUtf8(const uint8_t *in, size_t n, size_t *used) {
   const size_t len = VTQ_Utf8Length(in, n);
   if (len == 0) return kInvalid;
@@ -122,20 +67,23 @@ uint32_t DecodeUtf8(const uint8_t *in, size_t n, size_t *used) {
 // the next byte when it lies in the trail range: an unassigned pair stands
 // for one character; a lead byte before any other byte, or at the end,
 // stands alone.
-inline uint32_t DecodeChar(const Decoder *d, const uint8_t *in, size_t n, size_t *used) {
+inline uint32_t DecodeChar(const Decoder &d, const uint8_t *in, size_t n, size_t *used) {
   *used = 1;
-  if (d->w31j) {
-    const uint32_t cp = d->w31j->single[in[0]];
-    if (cp != kLead) return cp;
+  if (d.pairs) {
+    const uint16_t cp = d.single[in[0]];
+    if (cp != kLeadByte) return FromTable(cp);
     if (n < 2 || !IsTrail(in[1])) return kInvalid;
     *used = 2;
-    return d->w31j->pair[(uint32_t(in[0]) << 8) | in[1]];
+    return FromTable(d.pairs[(uint32_t(in[0]) << 8) | in[1]]);
   }
-  if (d->utf8) return DecodeUtf8(in, n, used);
-  return d->single ? d->single[in[0]] : in[0];
+  if (d.utf8) return DecodeUtf8(in, n, used);
+  return d.single ? FromTable(d.single[in[0]]) : in[0];
 }
 
 // ---- Encoding the output set ----
+
+// iconv knows the document set by its registered name.
+const char *IconvName(const char *name) { return std::strcmp(name, "WINDOWS31J") == 0 ? "WINDOWS-31J" : name; }
 
 enum class Form { kUtf8, kUtf16LE, kUtf16BE, kUtf32LE, kUtf32BE, kLatin1, kIconv };
 
@@ -374,8 +322,96 @@ size_t DecodeUnit(const CconvState *st, const uint8_t *in, size_t n, uint32_t cp
         return 1;
     }
   }
-  cps[0] = DecodeChar(static_cast<const Decoder *>(st->decoder), in, n, used);
+  cps[0] = DecodeChar(*static_cast<const Decoder *>(st->decoder), in, n, used);
   return 1;
+}
+
+constexpr uint64_t kOneBits = 0x0101010101010101u, kHighBits = 0x8080808080808080u;
+
+// Whether one of the eight bytes of w is b.
+bool HasByte(uint64_t w, uint8_t b) {
+  const uint64_t x = w ^ (b * kOneBits);
+  return ((x - kOneBits) & ~x & kHighBits) != 0;
+}
+
+// Windows-31J into UTF-8, the bulk of a piece: converts from *p while
+// *p < end and stops where SameFormRun would. The caller's end leaves a
+// pair's second byte in the input and three bytes of output per input
+// byte, the most a character takes, so the loop needs no other check.
+void W31JToUtf8(const uint8_t *in, uint32_t *p, uint32_t end, bool mapsLineEnds, uint8_t *out, uint32_t *o) {
+  uint32_t i = *p, k = *o;
+  while (i < end) {
+    const uint8_t b = in[i];
+    if (b < 0x80) {
+      if ((b == '\r' || b == '\n') && mapsLineEnds) break;
+      out[k++] = b;
+      ++i;
+      continue;
+    }
+    uint32_t cp = kW31JSingle[b], used = 1;
+    if (cp == kLeadByte) {  // a second byte outside the trail range has no entry either
+      cp = kW31JPairs[uint32_t(b) << 8 | in[i + 1]];
+      used = 2;
+    }
+    if (cp < 0x800 || (cp >= 0xD800 && cp < 0xE000) || cp >= kLeadByte) break;
+    out[k] = static_cast<uint8_t>(0xE0 | cp >> 12);
+    out[k + 1] = static_cast<uint8_t>(0x80 | ((cp >> 6) & 0x3F));
+    out[k + 2] = static_cast<uint8_t>(0x80 | (cp & 0x3F));
+    k += 3;
+    i += used;
+  }
+  *p = i;
+  *o = k;
+}
+
+// The common case of UTF-8 and ISO-8859-1 output, after the byte-order
+// mark: converts from *pos while 4 bytes of room remain, and stops before
+// the first unit that needs more care: a line end to map, a character to
+// substitute (or, for ISO-8859-1, any beyond ASCII), a 4-byte character.
+// The general path then takes that one unit, so the pieces are the same.
+void SameFormRun(const Decoder d, bool utf8, bool mapsLineEnds, const uint8_t *in, uint32_t inLen, uint32_t *pos,
+                 uint8_t *out, uint32_t cap, uint32_t *outLen) {
+  uint32_t p = *pos, o = *outLen;
+  if (utf8 && d.pairs == kW31JPairs && inLen - p > 1 && cap - o >= 6)
+    W31JToUtf8(in, &p, p + std::min(inLen - p - 1, (cap - o) / 3 - 1), mapsLineEnds, out, &o);
+  while (p < inLen && cap - o >= 4) {
+    const uint8_t b = in[p];
+    if (b < 0x80) {  // the same byte in both forms, in every document set
+      if ((b == '\r' || b == '\n') && mapsLineEnds) break;
+      out[o++] = b;
+      ++p;
+      // The rest of an ASCII run eight bytes at a time.
+      while (inLen - p >= 8 && cap - o >= 8) {
+        uint64_t w;
+        std::memcpy(&w, in + p, 8);
+        if ((w & kHighBits) || (mapsLineEnds && (HasByte(w, '\r') || HasByte(w, '\n')))) break;
+        std::memcpy(out + o, &w, 8);
+        p += 8;
+        o += 8;
+      }
+      continue;
+    }
+    if (!utf8) break;
+    size_t used;
+    const uint32_t cp = DecodeChar(d, in + p, inLen - p, &used);
+    if (cp < 0x80) {
+      out[o++] = static_cast<uint8_t>(cp);
+    } else if (cp < 0x800) {
+      out[o] = static_cast<uint8_t>(0xC0 | cp >> 6);
+      out[o + 1] = static_cast<uint8_t>(0x80 | (cp & 0x3F));
+      o += 2;
+    } else if (cp < 0x10000 && (cp < 0xD800 || cp >= 0xE000)) {
+      out[o] = static_cast<uint8_t>(0xE0 | cp >> 12);
+      out[o + 1] = static_cast<uint8_t>(0x80 | ((cp >> 6) & 0x3F));
+      out[o + 2] = static_cast<uint8_t>(0x80 | (cp & 0x3F));
+      o += 3;
+    } else {
+      break;  // no character, or one of 4 bytes
+    }
+    p += static_cast<uint32_t>(used);
+  }
+  *pos = p;
+  *outLen = o;
 }
 
 // ---- Character boundaries of converted text ----
@@ -445,27 +481,18 @@ int cconvInitConvert(CconvState *st, const CconvOptions *opt, const char *outNam
 
 int cconvChgCharset(CconvState *st, const CconvCharsetRecord *, const char *docName) {
   if (!st || !docName) return -1;
-  if (std::strcmp(docName, "WINDOWS31J") == 0) {
-    static Decoder w31j{nullptr, nullptr, false};
-    static std::once_flag once;
-    std::call_once(once, [] { w31j.w31j = Windows31J(); });
-    if (!w31j.w31j) return -1;
-    st->decoder = &w31j;
-    return 0;
-  }
-  if (std::strcmp(docName, "ISO-8859-1") == 0) {
-    st->decoder = &kLatin1Decoder;
-    return 0;
-  }
-  if (std::strcmp(docName, "UTF-8") == 0) {
-    st->decoder = &kUtf8Decoder;
-    return 0;
-  }
-  if (std::strcmp(docName, "WINDOWS-1252") == 0) {
-    static const Decoder cp1252{nullptr, Windows1252(), false};
-    if (!cp1252.single) return -1;
-    st->decoder = &cp1252;
-    return 0;
+  static const struct {
+    const char *name;
+    const Decoder *decoder;
+  } kSets[] = {{"WINDOWS31J", &kW31JDecoder},
+               {"ISO-8859-1", &kLatin1Decoder},
+               {"UTF-8", &kUtf8Decoder},
+               {"WINDOWS-1252", &kCp1252Decoder}};
+  for (const auto &set : kSets) {
+    if (std::strcmp(docName, set.name) == 0) {
+      st->decoder = set.decoder;
+      return 0;
+    }
   }
   return -1;
 }
@@ -473,37 +500,16 @@ int cconvChgCharset(CconvState *st, const CconvCharsetRecord *, const char *docN
 int cconvConvert(CconvState *st) {
   if (!st || !st->encoder || !st->decoder) return -1;
   const Encoder *e = static_cast<const Encoder *>(st->encoder);
+  const Decoder d = *static_cast<const Decoder *>(st->decoder);
   const uint8_t *in = st->in;
   uint8_t *out = st->out;
   const uint32_t inLen = st->inLen, cap = st->outCap;
+  const bool mapsLineEnds = st->lineEnds >= 2 && st->lineEnds <= 5;
   uint32_t pos = st->inPos, outLen = st->outLen;
-  // ASCII that is no line end comes out as the same byte in these sets.
-  const bool asciiSame = e->form == Form::kUtf8 || e->form == Form::kLatin1;
   while (pos < inLen) {
-    const uint8_t b = in[pos];
-    if (asciiSame && b < 0x80 && b != '\r' && b != '\n' && st->bomDone) {
-      if (outLen == cap) break;
-      out[outLen++] = b;
-      ++pos;
-      continue;
-    }
-    if (e->form == Form::kUtf8 && st->bomDone && b != '\r' && b != '\n' && cap - outLen >= 4) {
-      size_t used;
-      const uint32_t cp = DecodeChar(static_cast<const Decoder *>(st->decoder), in + pos, inLen - pos, &used);
-      if (cp != kInvalid && cp < 0x10000 && (cp < 0xD800 || cp >= 0xE000)) {
-        if (cp < 0x80) {
-          out[outLen++] = static_cast<uint8_t>(cp);
-        } else if (cp < 0x800) {
-          out[outLen++] = static_cast<uint8_t>(0xC0 | cp >> 6);
-          out[outLen++] = static_cast<uint8_t>(0x80 | (cp & 0x3F));
-        } else {
-          out[outLen++] = static_cast<uint8_t>(0xE0 | cp >> 12);
-          out[outLen++] = static_cast<uint8_t>(0x80 | ((cp >> 6) & 0x3F));
-          out[outLen++] = static_cast<uint8_t>(0x80 | (cp & 0x3F));
-        }
-        pos += static_cast<uint32_t>(used);
-        continue;
-      }
+    if (st->bomDone && (e->form == Form::kUtf8 || e->form == Form::kLatin1)) {
+      SameFormRun(d, e->form == Form::kUtf8, mapsLineEnds, in, inLen, &pos, out, cap, &outLen);
+      if (pos == inLen) break;
     }
     // One unit: the byte-order mark before the first, then up to two code
     // points of at most 8 bytes each. Written in place when it surely fits.
@@ -556,15 +562,36 @@ int VTQ_GetGroupCharWidth(const char *docName) {
 
 // A control byte of the text stands alone even after a lead byte: no
 // control byte is a valid second byte, so the lead bytes need no care.
+// Sixteen bytes with nothing to drop, the common case, are copied whole;
+// the others byte by byte.
 uint32_t VTQ_CopyStripControlCode(unsigned char *dst, const unsigned char *src, uint32_t len, int, uint32_t) {
-  static const struct Keep {
-    uint8_t keep[256];
-    Keep() {
+  static constexpr struct Keep {
+    uint8_t keep[256] = {};
+    constexpr Keep() {
       for (int b = 0; b < 256; ++b) keep[b] = (b < 0x20 ? (b == '\t' || b == '\n' || b == '\r') : b != 0x7F) ? 1 : 0;
     }
   } kKeep;
-  uint32_t j = 0;
-  for (uint32_t i = 0; i < len; ++i) {
+  uint32_t i = 0, j = 0;
+#ifdef __SSE2__
+  for (; len - i >= 16; i += 16) {
+    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + i));
+    const __m128i control = _mm_cmpeq_epi8(_mm_min_epu8(v, _mm_set1_epi8(0x1F)), v);
+    const __m128i kept = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, _mm_set1_epi8('\t')),
+                                                   _mm_cmpeq_epi8(v, _mm_set1_epi8('\n'))),
+                                      _mm_cmpeq_epi8(v, _mm_set1_epi8('\r')));
+    const __m128i drop = _mm_or_si128(_mm_andnot_si128(kept, control), _mm_cmpeq_epi8(v, _mm_set1_epi8(0x7F)));
+    if (_mm_movemask_epi8(drop) == 0) {
+      _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + j), v);
+      j += 16;
+      continue;
+    }
+    for (uint32_t k = i; k < i + 16; ++k) {
+      dst[j] = src[k];
+      j += kKeep.keep[src[k]];
+    }
+  }
+#endif
+  for (; i < len; ++i) {
     dst[j] = src[i];
     j += kKeep.keep[src[i]];
   }

@@ -24,7 +24,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 
 #include "vtq_charset_name.h"
 #include "vtq_rt.h"
@@ -75,29 +74,32 @@ bool Find(void *lib, const char *name, Fn *fn) {
   return *fn != nullptr;
 }
 
-// Loads the reader (once per process); false when it is not there.
+// Opens the reader and finds its functions; false when it is not there.
+bool OpenReader() {
+  void *lib = dlopen(VTQ_GSF_SONAME, RTLD_NOW | RTLD_LOCAL);
+  if (!lib) return false;
+  Reader &r = g_reader;
+  const bool found = Find(lib, "gsf_init", &r.init) && Find(lib, "gsf_input_stdio_new", &r.input_stdio_new) &&
+                     Find(lib, "gsf_input_size", &r.input_size) && Find(lib, "gsf_input_read", &r.input_read) &&
+                     Find(lib, "gsf_infile_msole_new", &r.infile_msole_new) &&
+                     Find(lib, "gsf_infile_num_children", &r.infile_num_children) &&
+                     Find(lib, "gsf_infile_name_by_index", &r.infile_name_by_index) &&
+                     Find(lib, "g_object_unref", &r.object_unref) && Find(lib, "g_error_free", &r.error_free) &&
+                     Find(lib, "g_log_set_handler", &r.log_set_handler) &&
+                     Find(lib, "g_log_remove_handler", &r.log_remove_handler) &&
+                     Find(lib, "g_log_default_handler", &r.log_default_handler);
+  if (!found) {
+    dlclose(lib);
+    return false;
+  }
+  r.init();  // the library stays loaded for the life of the process
+  return true;
+}
+
+// Loads the reader (once per process, whichever thread comes first);
+// false when it is not there.
 bool LoadReader() {
-  static std::once_flag once;
-  static bool loaded = false;
-  std::call_once(once, [] {
-    void *lib = dlopen(VTQ_GSF_SONAME, RTLD_NOW | RTLD_LOCAL);
-    if (!lib) return;
-    Reader &r = g_reader;
-    loaded = Find(lib, "gsf_init", &r.init) && Find(lib, "gsf_input_stdio_new", &r.input_stdio_new) &&
-             Find(lib, "gsf_input_size", &r.input_size) && Find(lib, "gsf_input_read", &r.input_read) &&
-             Find(lib, "gsf_infile_msole_new", &r.infile_msole_new) &&
-             Find(lib, "gsf_infile_num_children", &r.infile_num_children) &&
-             Find(lib, "gsf_infile_name_by_index", &r.infile_name_by_index) &&
-             Find(lib, "g_object_unref", &r.object_unref) && Find(lib, "g_error_free", &r.error_free) &&
-             Find(lib, "g_log_set_handler", &r.log_set_handler) &&
-             Find(lib, "g_log_remove_handler", &r.log_remove_handler) &&
-             Find(lib, "g_log_default_handler", &r.log_default_handler);
-    if (!loaded) {
-      dlclose(lib);
-      return;
-    }
-    r.init();  // the library stays loaded for the life of the process
-  });
+  static const bool loaded = OpenReader();
   return loaded;
 }
 

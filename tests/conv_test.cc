@@ -2,6 +2,7 @@
 // stripping, pieces and character boundaries.
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 
 #include "test_support.h"
@@ -19,16 +20,18 @@ std::string Convert(const std::string &text, const char *out, const char *doc = 
   CconvCharsetRecord rec{1, 0, 1};
   EXPECT_EQ(cconvInitConvert(&st, &opt, out), 0) << out;
   EXPECT_EQ(cconvChgCharset(&st, &rec, doc), 0) << doc;
-  std::string buf(cap, '\0'), result;
+  std::unique_ptr<char[]> buf(new char[cap]);  // exactly cap bytes: the sanitizer sees a write past them
+  std::string result;
   st.in = reinterpret_cast<const unsigned char *>(text.data());
   st.inLen = static_cast<uint32_t>(text.size());
-  st.out = reinterpret_cast<unsigned char *>(buf.data());
+  st.out = reinterpret_cast<unsigned char *>(buf.get());
   st.outCap = cap;
   while (st.inPos < st.inLen) {
     st.outLen = 0;
     EXPECT_EQ(cconvConvert(&st), 0);
+    EXPECT_LE(st.outLen, cap);
     if (st.outLen == 0) break;
-    result.append(buf.data(), st.outLen);
+    result.append(buf.get(), st.outLen);
   }
   cconvTermConvert(&st);
   return result;
@@ -73,12 +76,17 @@ TEST(Utf8, LengthOfTheSequenceThatStartsTheText) {
 }
 
 TEST(Converter, PiecesEndOnCharacterBoundaries) {
+  // Characters of one, two and three UTF-8 bytes (runs of half-width
+  // katakana: three from one byte), an ASCII run, line ends.
   std::string text;
-  for (int i = 0; i < 300; ++i) text += "a\x82\xa0\r\n";
-  for (uint32_t lineEnds : {1u, 3u}) {
-    const std::string whole = Convert(text, "EUC-JP", "WINDOWS31J", 1 << 16, lineEnds);
-    for (uint32_t cap : {7u, 8u, 9u, 64u}) {
-      EXPECT_EQ(Convert(text, "EUC-JP", "WINDOWS31J", cap, lineEnds), whole) << cap;
+  for (int i = 0; i < 300; ++i)
+    text += "a\x82\xa0\r\n" + std::string(i % 19, 'x') + "\x83\x9f" + std::string(i % 23, '\xb1');
+  for (const char *out : {"EUC-JP", "UTF-8"}) {
+    for (uint32_t lineEnds : {1u, 3u}) {
+      const std::string whole = Convert(text, out, "WINDOWS31J", 1 << 16, lineEnds);
+      for (uint32_t cap : {7u, 8u, 9u, 64u}) {
+        EXPECT_EQ(Convert(text, out, "WINDOWS31J", cap, lineEnds), whole) << out << " " << cap;
+      }
     }
   }
 }
@@ -91,6 +99,13 @@ TEST(Converter, StripsStandAloneControlBytes) {
   EXPECT_EQ(std::string(reinterpret_cast<char *>(dst), n), std::string("a\t\n\r\x82\x82\xa0\x81", 8));
   n = VTQ_CopyStripControlCode(dst, reinterpret_cast<const unsigned char *>("\x82\x41\x00z"), 4, 1, 0);
   EXPECT_EQ(std::string(reinterpret_cast<char *>(dst), n), "\x82" "Az");
+  // Longer texts go many bytes at a time: a clean stretch, one with only
+  // kept line ends, one with a byte to drop at its very end.
+  const std::string clean = "0123456789abcdef", kept = "ab\r\ncd\tef\r\n012\r\n";
+  const std::string longer = clean + kept + "0123456789abcde\x1f" + "xyz";
+  unsigned char big[80];
+  n = VTQ_CopyStripControlCode(big, reinterpret_cast<const unsigned char *>(longer.data()), uint32_t(longer.size()), 2, 1);
+  EXPECT_EQ(std::string(reinterpret_cast<char *>(big), n), clean + kept + "0123456789abcde" + "xyz");
 }
 
 TEST(Converter, CutStrKeepsWholeCharacters) {

@@ -70,6 +70,36 @@ TEST(WordProcessing, InlineObjectsTakeTheirAnchors) {
   EXPECT_EQ(kln::RunStream(kln::WpDocument({noInline}).build()).text, "a b\r");
 }
 
+// Long blocks are translated many bytes at a time: each text comes out the
+// same at every alignment of its bytes, with runs of lead bytes of odd and
+// even length (second bytes in the lead range too), layout and line-end
+// bytes right after them, and an inline text's anchor among them.
+TEST(WordProcessing, TextComesOutTheSameAtEveryAlignment) {
+  const std::string kLeadTrail = "\x88\x9f";  // a character whose second byte is also a lead byte
+  std::string run;
+  for (int i = 0; i < 9; ++i) run += kLeadTrail;
+  const struct Case {
+    std::string text, expected;  // expected: in the document's set, "@" for the inline text
+  } kCases[] = {
+      {run + "\x01" + kKei + "\x02" + "abc" + run + kLeadTrail + "\x0b" + "x\x0c",
+       run + "\r" + kKei + " abc" + run + kLeadTrail + "\rx\r"},
+      {"\x09" + run + "\x03\x04" + kHaikei + "\x06" + run + "\x05" "end\x0a",
+       " " + run + "  " + kHaikei + "@" + run + " end\n"},
+      {std::string(15, 'a') + "\x82\xa0\x01\x82\xa0\x0b" + std::string(17, 'b') + "\x82\xa0\x02",
+       std::string(15, 'a') + "\x82\xa0\r\x82\xa0\r" + std::string(17, 'b') + "\x82\xa0 "},
+  };
+  for (const Case &c : kCases) {
+    for (size_t shift = 0; shift < 33; ++shift) {
+      WpDataSet set;
+      set.objects = {{4, "one"}};
+      set.blocks = {{std::string(shift, '-') + c.text}};
+      std::string expected = std::string(shift, '-') + c.expected + "\r";
+      if (const size_t at = expected.find('@'); at != std::string::npos) expected.replace(at, 1, "one");
+      EXPECT_EQ(kln::RunStream(kln::WpDocument({set}).build()).text, Utf8(expected)) << "shift " << shift;
+    }
+  }
+}
+
 TEST(WordProcessing, LongBlocksAreReadWhole) {
   std::string text;
   while (text.size() < 20000) text += "0123456789" + kKei;
