@@ -27,6 +27,13 @@ constexpr int kObjectTableBlock = 3, kTextIndexBlock = 4, kMaxBlocks = 256;
 // First bytes of a two-byte character; the second byte may be anything.
 bool IsLead(uint8_t b) { return (b >= 0x81 && b <= 0x9F) || b >= 0xE0; }
 
+// What a text byte stands for: 1, 11 and 12 end a line, 2..9 are layout
+// bytes shown as a space (6 too, where no inline text takes its place).
+uint8_t Control(uint8_t b) {
+  if (b == 1 || b == 11 || b == 12) return 13;
+  return b >= 2 && b <= 9 ? ' ' : b;
+}
+
 // The texts of the inline objects (kind-4 entries), in entry order.
 struct InlineTexts {
   VtqPtr<uint8_t> texts;      // kInlineSlot bytes per entry
@@ -56,11 +63,7 @@ int StoreInlineText(const ByteView &table, size_t entry, InlineTexts &inl) {
       k += 2;
       continue;
     }
-    if (b == 1 || b == 11 || b == 12)
-      slot[k] = 13;
-    else if (b >= 2 && b <= 9)
-      slot[k] = ' ';
-    ++k;
+    slot[k++] = Control(b);
   }
   inl.lengths[size_t(inl.count)] = static_cast<uint32_t>(kept);
   ++inl.count;
@@ -91,13 +94,6 @@ struct TextBlockDesc {
   int32_t position;
   int16_t length;
 };
-
-// What a text byte stands for: 1, 11 and 12 end a line, 2..9 are layout
-// bytes shown as a space (6 too, where no inline text takes its place).
-uint8_t Control(uint8_t b) {
-  if (b == 1 || b == 11 || b == 12) return 13;
-  return b >= 2 && b <= 9 ? ' ' : b;
-}
 
 // The lead bytes in a row just before bit p of a 16-byte chunk, counted
 // from where a character begins (notLead: the bytes that are no lead).

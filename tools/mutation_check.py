@@ -27,7 +27,7 @@ STAGES = ["^kln_tests$", "^(cli_tests|fuzz_seeds|replay_.*)$", "^(fuzz_seeds|mut
 # name, text found in exactly one line of filter/, what replaces it there
 MUTANTS = [
     # word-processing text
-    ("wp-layout-bytes", "} else if (b >= 2 && b <= 9) {", "} else if (b >= 2 && b <= 8) {"),
+    ("wp-layout-bytes", "return b >= 2 && b <= 9 ? ' ' : b;", "return b >= 2 && b <= 8 ? ' ' : b;"),
     ("wp-inline-slot", "if (j <= kInlineSlot) kept = j;", "if (j < kInlineSlot) kept = j;"),
     ("wp-lead-at-end", "*pastEnd = j + 1 >= n;", "*pastEnd = j + 1 > n;"),
     ("wp-block-length", "if (d.length <= 0 || n != d.length) return kFormatError;",
@@ -66,7 +66,8 @@ MUTANTS = [
     ("rd-record-seq", "if (static_cast<int32_t>(view.u16(kRecordSeq)) > ctx->dsetCount) return kFormatError;",
      "if (static_cast<int32_t>(view.u16(kRecordSeq)) >= ctx->dsetCount) return kFormatError;"),
     ("out-size-limit", "if (limitOn && ctx->totalOut > opt->sizeLimit) {", "if (limitOn && ctx->totalOut >= opt->sizeLimit) {"),
-    ("prop-long-text", "if (text.size() > 0 && text.size() < 255)", "if (text.size() > 0 && text.size() <= 255)"),
+    ("prop-long-text", "if (text.size() == 0 || text.size() >= 255) return;",
+     "if (text.size() == 0 || text.size() > 255) return;"),
 ]
 
 
