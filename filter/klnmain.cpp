@@ -41,6 +41,7 @@ void FreeDbFields(ConvContext *ctx) {
 namespace {
 constexpr uint32_t kFirstCellBlock = 64, kMaxCellBlock = uint32_t(1) << kCellBlockBits;
 
+// Nodes in a block: 64, 128, ..., 2048, then 4096 from the seventh block on.
 uint32_t BlockSize(uint32_t block) { return block < 6 ? kFirstCellBlock << block : kMaxCellBlock; }
 
 // Adds an empty block of nodes; false when out of memory or out of indices.
