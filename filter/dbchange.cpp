@@ -406,20 +406,17 @@ int dbGetCellData2(const ByteView &chunk, ConvContext *ctx, uint16_t column, uin
 int dbGetCellData(ConvContext *ctx, CellNode *head, uint16_t column, const uint16_t *records, uint32_t recordCount,
                   uint32_t firstRow, DbHeldValues &held) {
   CellNode *node = head;
-  while (node->nextInColumn) node = node->nextInColumn;
+  while (node->next) node = NextInColumn(ctx, node);
   for (uint32_t i = 0; i < recordCount; ++i) {
-    DbHeldValues::Entry *e = held.find(records[i]);
+    const DbHeldValues::Entry *e = held.find(records[i]);
     if (!e) continue;
-    CellNode *fresh = NewCellNode(ctx);
+    uint32_t next;
+    CellNode *fresh = NewCellNode(ctx, &next);
     if (!fresh) return kNoMemory;
+    *node = e->cell;  // kind and value or text: a record the list shows again shares its text
     node->row = static_cast<uint16_t>(firstRow + i);
     node->column = column;
-    node->value = e->cell.value;
-    node->kind = e->cell.kind;
-    node->text = e->cell.text;  // a record the list shows again shares it
-    node->textInArena = 1;
-    node->present = 1;
-    node->nextInColumn = fresh;  // a head keeps its nextColumn
+    node->next = next;
     node = fresh;
   }
   return kOk;
@@ -489,16 +486,18 @@ int ReadDbColumn(const ByteView &table, size_t *p, ConvContext *ctx, CellNode *h
 // that ends the list, when the column comes after all others). Null when
 // the node cannot be had.
 CellNode *DbColumnHead(ConvContext *ctx, uint16_t column) {
-  CellNode **link = &ctx->cells;
-  while ((*link)->nextColumn && (*link)->column < column) link = &(*link)->nextColumn;
-  CellNode *at = *link;
-  if (!at->nextColumn) return LinkColumn(ctx, &at, column) == kOk ? *link : nullptr;
-  if (at->column == column) return at;
+  CellNode **heads = ctx->columnHeads;
+  const uint32_t last = ctx->columnHeadCount - 1;  // the spare
+  uint32_t k = 0;
+  while (k < last && heads[k]->column < column) ++k;
+  if (k == last) return LinkColumn(ctx, column) == kOk ? heads[k] : nullptr;
+  if (heads[k]->column == column) return heads[k];
+  if (ctx->columnHeadCount == kMaxColumnHeads) return nullptr;
   CellNode *head = NewCellNode(ctx);
   if (!head) return nullptr;
   head->column = column;
-  head->nextColumn = at;
-  *link = head;
+  std::memmove(heads + k + 1, heads + k, (ctx->columnHeadCount++ - k) * sizeof *heads);
+  heads[k] = head;
   return head;
 }
 }  // namespace

@@ -34,30 +34,36 @@ constexpr uint32_t kCtxEventMode = 0x40;  // structure events: no byte-order mar
 constexpr uint32_t kOutBufSize = 0x10002;
 constexpr size_t kPathSize = 260;
 
-// One cell of the CellTable. Column heads double as the first node of
-// their column's chain; every chain ends with one empty node.
-// The small fields share the first 8 bytes, so a node takes 40.
+// One cell of the CellTable. Every column is a chain of nodes ordered by
+// row, from its head (see ConvContext::columnHeads) to one empty node that
+// ends it. A node takes 24 bytes: the small fields share the first 8, a
+// cell holds either a number or a text, and the link is a 32-bit index.
 struct CellNode {
   uint16_t row;
   uint16_t column;
   uint16_t style;
   uint8_t kind;
-  uint8_t present : 1;
-  // The text lives in the table's text arena (see NewCellText) and is
-  // released with it; a record shown in several rows keeps one copy.
-  uint8_t textInArena : 1;
-  double value;
-  char *text;  // owned, unless textInArena
-  CellNode *nextColumn;
-  CellNode *nextInColumn;
+  uint8_t present;
+  union {
+    double value;  // number kinds
+    char *text;    // text kinds (CellHoldsText): from the table's text arena (NewCellText), or null
+  };
+  uint32_t next;  // the next node of the column (CellAt); 0 at the chain's end
 };
 
-// A block of CellTable nodes: the table takes its nodes a block at a time
-// and frees the blocks at once.
-struct CellBlock {
-  CellBlock *next;
-  size_t size;  // nodes in the block
-};
+// Whether cells of this kind hold a text rather than a number: spreadsheet
+// texts, yes/no and errors, database texts.
+inline bool CellHoldsText(uint8_t kind) { return kind == 3 || kind == 5 || kind == 6 || kind == 16; }
+
+// Nodes come in blocks, named by index: block << kCellBlockBits | slot.
+// The first block holds 64 nodes, every next one twice as many up to 4096,
+// so a small document takes little and a big table one allocation per
+// 4096 cells. Index 0 names no node (the first block's first slot stays
+// unused).
+constexpr uint32_t kCellBlockBits = 12;
+constexpr uint32_t kMaxCellBlocks = uint32_t(1) << (32 - kCellBlockBits);
+// The column list: at most 257 database columns and the spare node.
+constexpr uint32_t kMaxColumnHeads = 258;
 
 // A chunk of the table's text arena; its bytes follow the record.
 struct TextChunk {
@@ -125,9 +131,13 @@ struct ConvContext {
   uint8_t hasSheet;
   uint16_t colCount;
   uint16_t rowCount;
-  CellNode *cells;
-  CellBlock *cellBlocks;  // newest first; its nodes from cellsUsed on are free
-  size_t cellsUsed;
+  // The column list: the head of each column, in ascending column order,
+  // then a spare node that becomes the next column's head.
+  CellNode *columnHeads[kMaxColumnHeads];
+  uint32_t columnHeadCount;
+  CellNode **cellBlocks;  // cellBlockCount blocks of nodes, room for cellBlockRoom
+  uint32_t cellBlockCount, cellBlockRoom;
+  uint32_t cellsUsed;  // nodes of the newest block handed out
   TextChunk *cellTexts;  // the text arena, the chunk being filled first
   uint8_t *stripBuf;  // the stripped copy of written text, kept from write to write
   size_t stripSize;
@@ -249,11 +259,20 @@ int initial(ConvContext **out);
 int closeall(ConvContext *ctx);
 // Frees the database field table with its names and extra data.
 void FreeDbFields(ConvContext *ctx);
-// Frees every column and node of the CellTable with their texts; cells
-// is null afterwards.
+// Frees the CellTable's blocks and texts; the column list is empty
+// afterwards.
 void FreeCellTable(ConvContext *ctx);
-// A zeroed node of the CellTable; null when out of memory.
-CellNode *NewCellNode(ConvContext *ctx);
+// A zeroed node of the CellTable, its index in *index when asked; null
+// when out of memory or when the table has every block an index can name.
+CellNode *NewCellNode(ConvContext *ctx, uint32_t *index = nullptr);
+// The node of an index from NewCellNode.
+inline CellNode *CellAt(const ConvContext *ctx, uint32_t index) {
+  return ctx->cellBlocks[index >> kCellBlockBits] + (index & ((uint32_t(1) << kCellBlockBits) - 1));
+}
+// The node after `node` in its column; null at the chain's end.
+inline CellNode *NextInColumn(const ConvContext *ctx, const CellNode *node) {
+  return node->next ? CellAt(ctx, node->next) : nullptr;
+}
 // A copy of v's n bytes from `at` (zeros beyond its end) as a cell text
 // from the table's arena: NUL-terminated, with its length in the four
 // bytes before it, released with the table. Null when out of memory.

@@ -13,8 +13,9 @@ int initial(ConvContext **out) {
   *out = static_cast<ConvContext *>(VTQ_calloc(1, sizeof(ConvContext)));
   ConvContext *ctx = *out;
   if (!ctx) return kNoMemory;
-  ctx->cells = NewCellNode(ctx);
-  if (!ctx->cells) return kNoMemory;
+  ctx->columnHeads[0] = NewCellNode(ctx);
+  if (!ctx->columnHeads[0]) return kNoMemory;
+  ctx->columnHeadCount = 1;
   ctx->outBuf = static_cast<uint8_t *>(VTQ_calloc(kOutBufSize, 1));
   if (!ctx->outBuf) return kNoMemory;
   ctx->oleState = static_cast<uint8_t *>(VTQ_calloc(VTQ_OLE_STATE_SIZE, 1));
@@ -38,25 +39,35 @@ void FreeDbFields(ConvContext *ctx) {
 }
 
 namespace {
-// The first block holds 64 nodes, every next one twice as many up to 4096:
-// a small document takes little, a big table one allocation per 4096 cells.
-constexpr size_t kFirstCellBlock = 64, kMaxCellBlock = 4096;
+constexpr uint32_t kFirstCellBlock = 64, kMaxCellBlock = uint32_t(1) << kCellBlockBits;
 
-CellNode *BlockNodes(CellBlock *block) { return reinterpret_cast<CellNode *>(block + 1); }
+// Nodes in a block: 64, 128, ..., 2048, then 4096 from the seventh block on.
+uint32_t BlockSize(uint32_t block) { return block < 6 ? kFirstCellBlock << block : kMaxCellBlock; }
+
+// Adds an empty block of nodes; false when out of memory or out of indices.
+bool AddCellBlock(ConvContext *ctx) {
+  if (ctx->cellBlockCount == kMaxCellBlocks) return false;
+  if (ctx->cellBlockCount == ctx->cellBlockRoom) {
+    const uint32_t room = ctx->cellBlockRoom ? 2 * ctx->cellBlockRoom : 16;
+    void *p = VTQ_realloc(ctx->cellBlocks, room * sizeof(CellNode *));
+    if (!p) return false;
+    ctx->cellBlocks = static_cast<CellNode **>(p);
+    ctx->cellBlockRoom = room;
+  }
+  auto *block = static_cast<CellNode *>(VTQ_malloc(BlockSize(ctx->cellBlockCount) * sizeof(CellNode)));
+  if (!block) return false;
+  ctx->cellsUsed = ctx->cellBlockCount == 0 ? 1 : 0;  // index 0 names no node
+  ctx->cellBlocks[ctx->cellBlockCount++] = block;
+  return true;
+}
 }  // namespace
 
-CellNode *NewCellNode(ConvContext *ctx) {
-  CellBlock *block = ctx->cellBlocks;
-  if (!block || ctx->cellsUsed == block->size) {
-    const size_t size = block ? std::min(block->size * 2, kMaxCellBlock) : kFirstCellBlock;
-    auto *fresh = static_cast<CellBlock *>(VTQ_malloc(sizeof(CellBlock) + size * sizeof(CellNode)));
-    if (!fresh) return nullptr;
-    fresh->next = block;
-    fresh->size = size;
-    ctx->cellBlocks = block = fresh;
-    ctx->cellsUsed = 0;
-  }
-  CellNode *node = BlockNodes(block) + ctx->cellsUsed++;
+CellNode *NewCellNode(ConvContext *ctx, uint32_t *index) {
+  if ((ctx->cellBlockCount == 0 || ctx->cellsUsed == BlockSize(ctx->cellBlockCount - 1)) && !AddCellBlock(ctx))
+    return nullptr;
+  const uint32_t at = ((ctx->cellBlockCount - 1) << kCellBlockBits) | ctx->cellsUsed++;
+  if (index) *index = at;
+  CellNode *node = CellAt(ctx, at);
   *node = CellNode{};
   return node;
 }
@@ -92,24 +103,17 @@ char *NewCellText(ConvContext *ctx, const ByteView &v, size_t at, size_t n) {
 }
 
 void FreeCellTable(ConvContext *ctx) {
-  for (const CellNode *column = ctx->cells; column; column = column->nextColumn) {
-    for (const CellNode *node = column; node; node = node->nextInColumn) {
-      if (!node->textInArena) VTQ_free(node->text);
-    }
-  }
   for (TextChunk *chunk = ctx->cellTexts; chunk;) {
     TextChunk *next = chunk->next;
     VTQ_free(chunk);
     chunk = next;
   }
   ctx->cellTexts = nullptr;
-  for (CellBlock *block = ctx->cellBlocks; block;) {
-    CellBlock *next = block->next;
-    VTQ_free(block);
-    block = next;
-  }
+  for (uint32_t b = 0; b < ctx->cellBlockCount; ++b) VTQ_free(ctx->cellBlocks[b]);
+  VTQ_free(ctx->cellBlocks);
   ctx->cellBlocks = nullptr;
-  ctx->cells = nullptr;
+  ctx->cellBlockCount = ctx->cellBlockRoom = ctx->cellsUsed = 0;
+  ctx->columnHeadCount = 0;
 }
 
 int closeall(ConvContext *ctx) {

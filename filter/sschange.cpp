@@ -16,19 +16,13 @@
 // for each of them a COLM record marking its present chunks (64 rows
 // each) followed by one CHNK record per present chunk.
 
-int LinkColumn(ConvContext *ctx, CellNode **tail, uint16_t column) {
-  CellNode *node = NewCellNode(ctx);
-  if (!node) return kFormatError;
-  (*tail)->column = column;
-  (*tail)->nextColumn = node;
-  *tail = node;
+int LinkColumn(ConvContext *ctx, uint16_t column) {
+  if (ctx->columnHeadCount == kMaxColumnHeads) return kFormatError;
+  CellNode *spare = NewCellNode(ctx);
+  if (!spare) return kFormatError;
+  ctx->columnHeads[ctx->columnHeadCount - 1]->column = column;
+  ctx->columnHeads[ctx->columnHeadCount++] = spare;
   return kOk;
-}
-
-CellNode *ColumnListTail(ConvContext *ctx) {
-  CellNode *tail = ctx->cells;
-  while (tail->nextColumn) tail = tail->nextColumn;
-  return tail;
 }
 
 char *OwnedText(const ByteView &v, size_t at, size_t n) {
@@ -81,12 +75,11 @@ int ssCtabcov(const ByteView &buf, int64_t length, ConvContext *ctx) {
   ctx->colCount = static_cast<uint16_t>(lastColumn + 1);
   ctx->rowCount = static_cast<uint16_t>(buf.u16(kCtabAt + 10) + 1);
 
-  CellNode *tail = ColumnListTail(ctx);
   int present = 0;
   for (uint32_t i = 0; i <= lastColumn; ++i) {
     if (buf.u32(kCtabAt + 12 + 4 * i) == 0) continue;
     columns[size_t(present++)] = static_cast<int32_t>(i);
-    if (LinkColumn(ctx, &tail, static_cast<uint16_t>(i)) != kOk) return kFormatError;
+    if (LinkColumn(ctx, static_cast<uint16_t>(i)) != kOk) return kFormatError;
   }
   if (int64_t(kCtabSize) > remaining) return kFormatError;
   remaining -= kCtabSize;
@@ -141,22 +134,24 @@ namespace {
 constexpr size_t kSlotsAt = 12;
 constexpr int kSlots = 64;
 
-int SetText(CellNode *node, const ByteView &v, size_t at, size_t n) {
-  char *t = OwnedText(v, at, n);
-  if (!t) return kNoMemory;
-  VTQ_free(node->text);
-  node->text = t;
-  return kOk;
+// A text cell shows its bytes up to the first NUL (bytes beyond v read as
+// 0); the text goes to the table's arena.
+int SetText(ConvContext *ctx, CellNode *node, const ByteView &v, size_t at, size_t n) {
+  const size_t held = at < v.size() ? std::min(n, v.size() - at) : 0;
+  const void *nul = held ? std::memchr(v.data() + at, 0, held) : nullptr;
+  const size_t shown = nul ? size_t(static_cast<const uint8_t *>(nul) - (v.data() + at)) : held;
+  node->text = NewCellText(ctx, v, at, shown);
+  return node->text ? kOk : kNoMemory;
 }
 
-int SetFixedText(CellNode *node, const char *text) {
-  return SetText(node, ByteView(reinterpret_cast<const uint8_t *>(text), std::strlen(text)), 0, std::strlen(text));
+int SetFixedText(ConvContext *ctx, CellNode *node, const char *text) {
+  const size_t n = std::strlen(text);
+  return SetText(ctx, node, ByteView(reinterpret_cast<const uint8_t *>(text), n), 0, n);
 }
 
 // A cached formula result of the given kind; `at` is where it starts in
 // the record and `len` its length.
-int DecodeCachedResult(CellNode *node, const ByteView &rec, size_t at, int64_t len, uint8_t kind,
-                       const ConvContext *ctx) {
+int DecodeCachedResult(CellNode *node, const ByteView &rec, size_t at, int64_t len, uint8_t kind, ConvContext *ctx) {
   switch (kind) {
     case 0:
     case 1: {
@@ -186,18 +181,18 @@ int DecodeCachedResult(CellNode *node, const ByteView &rec, size_t at, int64_t l
       }
       return kOk;
     case 3:
-      return SetText(node, rec, at + 1, rec.u8(at));
+      return SetText(ctx, node, rec, at + 1, rec.u8(at));
     case 5:
-      return SetFixedText(node, rec.u8(at) ? "TRUE" : "FALSE");
+      return SetFixedText(ctx, node, rec.u8(at) ? "TRUE" : "FALSE");
     case 6:
-      return SetFixedText(node, ssERR[rec.u8(at) < 10 ? rec.u8(at) : 0]);
+      return SetFixedText(ctx, node, ssERR[rec.u8(at) < 10 ? rec.u8(at) : 0]);
     default:
       return kFormatError;
   }
 }
 
 // Decodes one cell record (`rec`: its length field first) into node.
-int DecodeCell(CellNode *node, const ByteView &rec, uint32_t l, const ConvContext *ctx) {
+int DecodeCell(CellNode *node, const ByteView &rec, uint32_t l, ConvContext *ctx) {
   const uint8_t kind = rec.u8(2);
   switch (kind) {
     case 0:
@@ -228,9 +223,10 @@ int DecodeCell(CellNode *node, const ByteView &rec, uint32_t l, const ConvContex
 // The node a chunk of `column` fills first: the column's head, then along
 // the chain past the rows before the chunk.
 CellNode *FindFillNode(ConvContext *ctx, int32_t column, uint32_t chunk) {
-  CellNode *node = ctx->cells;
-  while (node->column < column && node->nextColumn) node = node->nextColumn;
-  while (node->row < chunk * 64 && node->nextInColumn) node = node->nextInColumn;
+  uint32_t k = 0;
+  while (ctx->columnHeads[k]->column < column && k + 1 < ctx->columnHeadCount) ++k;
+  CellNode *node = ctx->columnHeads[k];
+  while (node->row < chunk * 64 && node->next) node = NextInColumn(ctx, node);
   return node;
 }
 }  // namespace
@@ -255,12 +251,11 @@ int ssGetCellData(const ByteView &chunk, ConvContext *ctx, int32_t column, uint3
     result = DecodeCell(node, rec, l, ctx);
     node->present = 1;
     if (result != kOk) break;
-    CellNode *next = NewCellNode(ctx);
+    CellNode *next = NewCellNode(ctx, &node->next);
     if (!next) {
       result = kNoMemory;  // the chunk's later cells would be lost
       break;
     }
-    node->nextInColumn = next;
     node = next;
     ++stored;
   }
@@ -656,15 +651,13 @@ int Write(ConvContext *ctx, const void *text, size_t n) {
   return comm_write(text, 1, n, ctx->outFile, ctx) < 1 ? kFormatError : kOk;
 }
 
-bool IsTextKind(uint16_t kind) { return kind == 3 || kind == 5 || kind == 6 || kind == 16; }
-
 // Appends the cell's text, or its value formatted by its style, to `text`
 // at cell->at (quotes included when the writer quotes); sets cell->length.
 int FormatCell(ConvContext *ctx, const CellNode &node, bool quote, VtqBuffer &text, RowCell *cell) {
   const uint16_t kind = node.kind;
-  if (IsTextKind(kind)) {
+  if (CellHoldsText(node.kind)) {
     if (!node.text) return kFormatError;
-    const size_t len = node.textInArena ? CellTextLength(node.text) : std::strlen(node.text);
+    const size_t len = CellTextLength(node.text);
     if (!text.grow(cell->at + len + 2)) return kNoMemory;
     uint8_t *out = text.data() + cell->at;
     size_t o = 0;
@@ -693,6 +686,12 @@ int WalkCellRows(ConvContext *ctx, RowConsumer &out) {
   VtqPtr<RowCell> cells;
   VtqBuffer text;
   if (!cursor.alloc(kCursorSlots) || !cells.alloc(kCursorSlots) || !text.alloc(256)) return kNoMemory;
+  // Each column's next node: the head first. The list ends with the spare
+  // node, which heads no column.
+  for (uint32_t k = 0; k + 1 < ctx->columnHeadCount; ++k) {
+    CellNode *head = ctx->columnHeads[k];
+    if (head->column < kCursorSlots) cursor[head->column] = head;
+  }
   const bool quote = !(ctx->options->flags & KLN_FLAG_NO_QUOTE);
   int result = out.start();
   CellRow row{0, cells.get(), 0, nullptr};
@@ -705,37 +704,26 @@ int WalkCellRows(ConvContext *ctx, RowConsumer &out) {
     used = 0;
     return r;
   };
-  CellNode *walker = ctx->cells;
   for (int r = 0; r < ctx->rowCount && result == kOk; ++r) {
     for (int c = 0; c < ctx->colCount && c < kCursorSlots && result == kOk; ++c) {
       CellNode *node = cursor[size_t(c)];
-      if (!node) {
-        if (r > 0 || !walker) continue;
-        node = walker;
-      } else {
-        walker = node;
+      if (!node || node->row != r) continue;  // the column's next cell comes later, or never
+      if (Accepted(ctx, node->kind) && node->present == 1) {
+        if (node->row != row.number) result = flush();
+        row.number = node->row;
+        RowCell &cell = cells[row.count++];
+        cell = {node->column, node->kind, node->style, kOk, used, 0};
+        if (ctx->docKind == 3 && c < ctx->dbFieldCount) cell.style = ctx->dbFields[c].styleNo;
+        if (result == kOk) cell.failed = FormatCell(ctx, *node, quote, text, &cell);
+        used += cell.length;
+        // A failed cell ends the table after the row so far is written.
+        if (result == kOk && cell.failed != kOk) result = flush();
       }
-      if (node->row == r && node->column == c) {
-        if (Accepted(ctx, node->kind) && node->present == 1) {
-          if (node->row != row.number) result = flush();
-          row.number = node->row;
-          RowCell &cell = cells[row.count++];
-          cell = {node->column, node->kind, node->style, kOk, used, 0};
-          if (ctx->docKind == 3 && c < ctx->dbFieldCount) cell.style = ctx->dbFields[c].styleNo;
-          if (result == kOk) cell.failed = FormatCell(ctx, *node, quote, text, &cell);
-          used += cell.length;
-          // A failed cell ends the table after the row so far is written.
-          if (result == kOk && cell.failed != kOk) result = flush();
-        }
-        CellNode *next = node->nextInColumn;
-        cursor[size_t(c)] = next && next->present ? next : nullptr;
-        // The column's next text is read a row later; the texts of a table
-        // shown in another order than stored lie far apart: fetch it now.
-        if (next && next->text) __builtin_prefetch(next->text);
-      } else if (node->column >= c && node->column < kCursorSlots) {
-        cursor[node->column] = node;  // parked until its row comes
-      }
-      if (r == 0 && walker && walker->nextColumn) walker = walker->nextColumn;
+      CellNode *next = NextInColumn(ctx, node);
+      cursor[size_t(c)] = next && next->present ? next : nullptr;
+      // The column's next text is read a row later; the texts of a table
+      // shown in another order than stored lie far apart: fetch it now.
+      if (next && CellHoldsText(next->kind)) __builtin_prefetch(next->text);
     }
   }
   return result == kOk ? flush() : result;

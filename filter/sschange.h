@@ -4,11 +4,10 @@
 
 #include "kln_context.h"
 
-// Appends a zeroed node to the column list: the old tail becomes the head
-// of `column`, the new node the tail. 3000 when the node cannot be had.
-int LinkColumn(ConvContext *ctx, CellNode **tail, uint16_t column);
-// The spare node that ends the column list.
-CellNode *ColumnListTail(ConvContext *ctx);
+// Appends a zeroed node to the column list: the old spare node becomes the
+// head of `column`, the new node the spare. 3000 when the node cannot be
+// had or the list is full.
+int LinkColumn(ConvContext *ctx, uint16_t column);
 // A copy of the n bytes at `at` of v (zeros beyond its end) as an owned
 // NUL-terminated string; null when out of memory.
 char *OwnedText(const ByteView &v, size_t at, size_t n);

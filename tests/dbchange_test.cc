@@ -41,14 +41,9 @@ Loaded Load(const kln::Document &doc) {
     t.fields.push_back({f.name ? f.name : "", f.fieldType, f.subKind, f.resultType, f.fieldFlags, f.styleNo,
                         kln::Bytes(f.extra, f.extra + f.extraLen)});
   }
-  for (const CellNode *head = ctx->cells; head; head = head->nextColumn) {
-    int last = -1;
-    for (const CellNode *n = head; n; n = n->nextInColumn) {
-      if (!n->present) continue;
-      t.cells.push_back({n->row, n->column, n->kind, n->value, n->text ? n->text : ""});
-      if (n->row <= last) t.rowsAscend = false;
-      last = n->row;
-    }
+  t.cells = ctx.cells();
+  for (size_t i = 1; i < t.cells.size(); ++i) {
+    if (t.cells[i].column == t.cells[i - 1].column && t.cells[i].row <= t.cells[i - 1].row) t.rowsAscend = false;
   }
   t.colCount = ctx->colCount;
   t.rowCount = ctx->rowCount;

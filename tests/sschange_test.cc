@@ -25,11 +25,7 @@ Table Load(const kln::Document &doc) {
   kln::OpenedContext ctx(doc.build());
   Table t{};
   t.result = ctx.walk();
-  for (const CellNode *head = ctx->cells; head; head = head->nextColumn) {
-    for (const CellNode *n = head; n; n = n->nextInColumn) {
-      if (n->present) t.cells.push_back({n->row, n->column, n->kind, n->value, n->text ? n->text : ""});
-    }
-  }
+  t.cells = ctx.cells();
   t.colCount = ctx->colCount;
   t.rowCount = ctx->rowCount;
   return t;

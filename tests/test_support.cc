@@ -149,6 +149,18 @@ int OpenedContext::walk() {
   return r == 0 ? GetDSetInfo(ctx_) : r;
 }
 
+std::vector<TableCell> OpenedContext::cells() const {
+  std::vector<TableCell> out;
+  for (uint32_t k = 0; k < ctx_->columnHeadCount; ++k) {
+    for (const CellNode *n = ctx_->columnHeads[k]; n; n = NextInColumn(ctx_, n)) {
+      if (!n->present) continue;
+      const bool text = CellHoldsText(n->kind);
+      out.push_back({n->row, n->column, n->kind, text ? 0 : n->value, text && n->text ? n->text : ""});
+    }
+  }
+  return out;
+}
+
 Bytes OpenedContext::next(size_t n) {
   Bytes b(n);
   b.resize(VTQ_FileRead(b.data(), 1, n, ctx_->inFile));

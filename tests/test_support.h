@@ -119,6 +119,8 @@ class OpenedContext {
   Bytes next(size_t n);
   // The header walk, then the data-set walk when the header is read.
   int walk();
+  // The present cells of the cell table, column by column in chain order.
+  std::vector<TableCell> cells() const;
   std::string text;
   FilterOptions options;
   KlnCharsetInfo charset;
