@@ -63,6 +63,10 @@ MUTANTS = [
     # byte readers, header, data sets, output
     ("rd-float-tie", "if (((m >> (shift - 1)) & 1) && (kept & 1)) ++kept;",
      "if (((m >> (shift - 1)) & 1)) ++kept;"),
+    ("blk-counts-itself", "if ((framing & kCountsItself) && length > 4) length -= 4;",
+     "if ((framing & kCountsItself) && length >= 4) length -= 4;"),
+    ("blk-signed-length", "if (!(framing & kUnsignedLength) && static_cast<int32_t>(length) <= 0) length = 0;",
+     "if ((framing & kUnsignedLength) && static_cast<int32_t>(length) <= 0) length = 0;"),
     ("rd-record-seq", "if (static_cast<int32_t>(view.u16(kRecordSeq)) > ctx->dsetCount) return kFormatError;",
      "if (static_cast<int32_t>(view.u16(kRecordSeq)) >= ctx->dsetCount) return kFormatError;"),
     ("out-size-limit", "if (limitOn && ctx->totalOut > opt->sizeLimit) {", "if (limitOn && ctx->totalOut >= opt->sizeLimit) {"),
