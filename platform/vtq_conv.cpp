@@ -214,27 +214,31 @@ class EncoderCache {
 
 thread_local EncoderCache t_encoders;
 
+// UTF-8 of a code point below U+10000 that is no surrogate: 1 to 3 bytes
+// into out; answers the count.
+inline uint32_t PutUtf8Bmp(uint32_t cp, uint8_t *out) {
+  if (cp < 0x80) {
+    out[0] = static_cast<uint8_t>(cp);
+    return 1;
+  }
+  if (cp < 0x800) {
+    out[0] = static_cast<uint8_t>(0xC0 | cp >> 6);
+    out[1] = static_cast<uint8_t>(0x80 | (cp & 0x3F));
+    return 2;
+  }
+  out[0] = static_cast<uint8_t>(0xE0 | cp >> 12);
+  out[1] = static_cast<uint8_t>(0x80 | ((cp >> 6) & 0x3F));
+  out[2] = static_cast<uint8_t>(0x80 | (cp & 0x3F));
+  return 3;
+}
+
 // Writes the encoding of cp into out (room for 8 bytes); answers the byte
 // count, 0 when the set cannot hold it.
 size_t Encode(const Encoder *e, uint32_t cp, uint8_t *out) {
   switch (e->form) {
     case Form::kUtf8:
-      if (cp < 0x80) {
-        out[0] = static_cast<uint8_t>(cp);
-        return 1;
-      }
-      if (cp < 0x800) {
-        out[0] = static_cast<uint8_t>(0xC0 | cp >> 6);
-        out[1] = static_cast<uint8_t>(0x80 | (cp & 0x3F));
-        return 2;
-      }
-      if (cp < 0x10000) {
-        if (cp >= 0xD800 && cp < 0xE000) return 0;
-        out[0] = static_cast<uint8_t>(0xE0 | cp >> 12);
-        out[1] = static_cast<uint8_t>(0x80 | ((cp >> 6) & 0x3F));
-        out[2] = static_cast<uint8_t>(0x80 | (cp & 0x3F));
-        return 3;
-      }
+      if (cp >= 0xD800 && cp < 0xE000) return 0;
+      if (cp < 0x10000) return PutUtf8Bmp(cp, out);
       if (cp > 0x10FFFF) return 0;
       out[0] = static_cast<uint8_t>(0xF0 | cp >> 18);
       out[1] = static_cast<uint8_t>(0x80 | ((cp >> 12) & 0x3F));
@@ -354,10 +358,7 @@ void W31JToUtf8(const uint8_t *in, uint32_t *p, uint32_t end, bool mapsLineEnds,
       used = 2;
     }
     if (cp < 0x800 || (cp >= 0xD800 && cp < 0xE000) || cp >= kLeadByte) break;
-    out[k] = static_cast<uint8_t>(0xE0 | cp >> 12);
-    out[k + 1] = static_cast<uint8_t>(0x80 | ((cp >> 6) & 0x3F));
-    out[k + 2] = static_cast<uint8_t>(0x80 | (cp & 0x3F));
-    k += 3;
+    k += PutUtf8Bmp(cp, out + k);
     i += used;
   }
   *p = i;
@@ -394,20 +395,8 @@ void SameFormRun(const Decoder d, bool utf8, bool mapsLineEnds, const uint8_t *i
     if (!utf8) break;
     size_t used;
     const uint32_t cp = DecodeChar(d, in + p, inLen - p, &used);
-    if (cp < 0x80) {
-      out[o++] = static_cast<uint8_t>(cp);
-    } else if (cp < 0x800) {
-      out[o] = static_cast<uint8_t>(0xC0 | cp >> 6);
-      out[o + 1] = static_cast<uint8_t>(0x80 | (cp & 0x3F));
-      o += 2;
-    } else if (cp < 0x10000 && (cp < 0xD800 || cp >= 0xE000)) {
-      out[o] = static_cast<uint8_t>(0xE0 | cp >> 12);
-      out[o + 1] = static_cast<uint8_t>(0x80 | ((cp >> 6) & 0x3F));
-      out[o + 2] = static_cast<uint8_t>(0x80 | (cp & 0x3F));
-      o += 3;
-    } else {
-      break;  // no character, or one of 4 bytes
-    }
+    if (cp >= 0x10000 || (cp >= 0xD800 && cp < 0xE000)) break;  // no character, or one of 4 bytes
+    o += PutUtf8Bmp(cp, out + o);
     p += static_cast<uint32_t>(used);
   }
   *pos = p;
