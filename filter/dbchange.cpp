@@ -224,22 +224,11 @@ int ValueNumber(const ByteView &value, const ConvContext *ctx, double *out) {
   return kOk;
 }
 
-// The cell's text: n bytes of v from `at`, in the table's text arena.
-int CellText(ConvContext *ctx, const ByteView &v, size_t at, size_t n, CellNode *cell) {
-  cell->text = NewCellText(ctx, v, at, n);
-  return cell->text ? kOk : kNoMemory;
-}
-
 // The value's n bytes of text as the cell's text; 3000 when they run past
 // the chunk, 12 when out of memory.
 int ValueText(ConvContext *ctx, const ByteView &value, size_t n, CellNode *cell) {
   if (!value.has(kValueDataAt, n)) return kFormatError;
-  return CellText(ctx, value, kValueDataAt, n, cell);
-}
-
-int FixedText(ConvContext *ctx, const char *text, CellNode *cell) {
-  const size_t n = std::strlen(text);
-  return CellText(ctx, ByteView(reinterpret_cast<const uint8_t *>(text), n), 0, n, cell);
+  return SetCellText(ctx, cell, value, kValueDataAt, n);
 }
 
 // The n-th entry (from 1) of a choice field's list as the cell's text; no
@@ -249,7 +238,7 @@ int ChoiceText(ConvContext *ctx, const DbField &f, const DbChoiceList &choices, 
   if (!(n >= 1.0 && n <= double(choices.count))) return kOk;
   const uint32_t at = choices.starts[size_t(n) - 1];
   const ByteView extra(f.extra, size_t(f.extraLen));
-  return CellText(ctx, extra, at + 1, extra.u8(at), cell);
+  return SetCellText(ctx, cell, extra, at + 1, extra.u8(at));
 }
 
 int ComputedValue(const DbField &f, const ByteView &value, CellNode *cell, ConvContext *ctx) {
@@ -274,7 +263,7 @@ int ComputedValue(const DbField &f, const ByteView &value, CellNode *cell, ConvC
   }
   cell->kind = kText;
   // A result too small to hold a text is the formula's error.
-  if (value.u16(kValueSizeAt) <= 2) return FixedText(ctx, "#ERROR!", cell);
+  if (value.u16(kValueSizeAt) <= 2) return SetFixedCellText(ctx, cell, "#ERROR!");
   return ValueText(ctx, value, value.u8(kValueTextLenAt), cell);
 }
 }  // namespace
@@ -328,7 +317,7 @@ int GetDBBody(const ByteView &value, CellNode *cell, ConvContext *ctx, const DbC
       if (r != kOk) return r;
       number = std::trunc(number);
       if (number != 0.0 && number != 1.0) return kFormatError;
-      return FixedText(ctx, number == 0.0 ? "0" : "1", cell) == kOk ? kOk : kFormatError;
+      return SetFixedCellText(ctx, cell, number == 0.0 ? "0" : "1") == kOk ? kOk : kFormatError;
     case kComputedField:
     case kComputedField2:
       return ComputedValue(f, value, cell, ctx);

@@ -273,10 +273,15 @@ inline CellNode *CellAt(const ConvContext *ctx, uint32_t index) {
 inline CellNode *NextInColumn(const ConvContext *ctx, const CellNode *node) {
   return node->next ? CellAt(ctx, node->next) : nullptr;
 }
-// A copy of v's n bytes from `at` (zeros beyond its end) as a cell text
-// from the table's arena: NUL-terminated, with its length in the four
-// bytes before it, released with the table. Null when out of memory.
+// v's n bytes from `at` as a cell text from the table's arena, released
+// with the table: a cell shows its text up to the first NUL, and bytes
+// beyond v's end read as NUL. NUL-terminated, with its length in the four
+// bytes before it. Null when out of memory.
 char *NewCellText(ConvContext *ctx, const ByteView &v, size_t at, size_t n);
+// Sets node's text with NewCellText; 12 when out of memory.
+int SetCellText(ConvContext *ctx, CellNode *node, const ByteView &v, size_t at, size_t n);
+// Sets node's text to one of the format's own words ("TRUE", "#ERROR!").
+int SetFixedCellText(ConvContext *ctx, CellNode *node, const char *text);
 // The length of a text from NewCellText.
 inline size_t CellTextLength(const char *text) {
   uint32_t n;

@@ -81,6 +81,9 @@ uint8_t *ChunkBytes(TextChunk *chunk) { return reinterpret_cast<uint8_t *>(chunk
 }  // namespace
 
 char *NewCellText(ConvContext *ctx, const ByteView &v, size_t at, size_t n) {
+  const size_t held = at < v.size() ? std::min(n, v.size() - at) : 0;
+  const void *nul = held ? std::memchr(v.data() + at, 0, held) : nullptr;
+  n = nul ? size_t(static_cast<const uint8_t *>(nul) - (v.data() + at)) : held;
   const size_t need = 4 + n + 1;
   TextChunk *chunk = ctx->cellTexts;
   if (!chunk || chunk->size - chunk->used < need) {
@@ -93,13 +96,20 @@ char *NewCellText(ConvContext *ctx, const ByteView &v, size_t at, size_t n) {
   uint8_t *at4 = ChunkBytes(chunk) + chunk->used;
   const uint32_t len = static_cast<uint32_t>(n);
   std::memcpy(at4, &len, 4);
-  if (n > 0 && v.has(at, n))
-    std::memcpy(at4 + 4, v.data() + at, n);
-  else
-    v.copy(at, at4 + 4, n);
+  if (n > 0) std::memcpy(at4 + 4, v.data() + at, n);
   at4[4 + n] = 0;
   chunk->used += need;
   return reinterpret_cast<char *>(at4 + 4);
+}
+
+int SetCellText(ConvContext *ctx, CellNode *node, const ByteView &v, size_t at, size_t n) {
+  node->text = NewCellText(ctx, v, at, n);
+  return node->text ? kOk : kNoMemory;
+}
+
+int SetFixedCellText(ConvContext *ctx, CellNode *node, const char *text) {
+  const size_t n = std::strlen(text);
+  return SetCellText(ctx, node, ByteView(reinterpret_cast<const uint8_t *>(text), n), 0, n);
 }
 
 void FreeCellTable(ConvContext *ctx) {

@@ -134,20 +134,6 @@ namespace {
 constexpr size_t kSlotsAt = 12;
 constexpr int kSlots = 64;
 
-// A text cell shows its bytes up to the first NUL (bytes beyond v read as
-// 0); the text goes to the table's arena.
-int SetText(ConvContext *ctx, CellNode *node, const ByteView &v, size_t at, size_t n) {
-  const size_t held = at < v.size() ? std::min(n, v.size() - at) : 0;
-  const void *nul = held ? std::memchr(v.data() + at, 0, held) : nullptr;
-  const size_t shown = nul ? size_t(static_cast<const uint8_t *>(nul) - (v.data() + at)) : held;
-  node->text = NewCellText(ctx, v, at, shown);
-  return node->text ? kOk : kNoMemory;
-}
-
-int SetFixedText(ConvContext *ctx, CellNode *node, const char *text) {
-  const size_t n = std::strlen(text);
-  return SetText(ctx, node, ByteView(reinterpret_cast<const uint8_t *>(text), n), 0, n);
-}
 
 // A cached formula result of the given kind; `at` is where it starts in
 // the record and `len` its length.
@@ -181,11 +167,11 @@ int DecodeCachedResult(CellNode *node, const ByteView &rec, size_t at, int64_t l
       }
       return kOk;
     case 3:
-      return SetText(ctx, node, rec, at + 1, rec.u8(at));
+      return SetCellText(ctx, node, rec, at + 1, rec.u8(at));
     case 5:
-      return SetFixedText(ctx, node, rec.u8(at) ? "TRUE" : "FALSE");
+      return SetFixedCellText(ctx, node, rec.u8(at) ? "TRUE" : "FALSE");
     case 6:
-      return SetFixedText(ctx, node, ssERR[rec.u8(at) < 10 ? rec.u8(at) : 0]);
+      return SetFixedCellText(ctx, node, ssERR[rec.u8(at) < 10 ? rec.u8(at) : 0]);
     default:
       return kFormatError;
   }

@@ -397,7 +397,7 @@ TEST(DatabaseFailures, BadTablesAreRefused) {
 TEST(DatabaseText, HeaderLineAndEachColumnThroughItsFieldsStyle) {
   DbTable t;
   t.fields = {Text("Name"), Number("Qty", 7), Number("Price"), {"Day", 2}, {"At", 3}, {"Ok", 5}};
-  t.values[0] = {{0, kln::DbText("Ann")}, {1, kln::DbText("Bob")}};
+  t.values[0] = {{0, kln::DbText("Ann")}, {1, kln::DbText(std::string("Bob\0ignored", 11))}};
   t.values[1] = {{0, kln::DbNumber(1234.5)}};
   t.values[2] = {{0, kln::DbNumber(-3)}, {1, kln::DbNumber(2)}};
   t.values[3] = {{0, kln::DbNumber(366)}};
